@@ -1,0 +1,1 @@
+velorin_program(example_log_lines log_lines.c)

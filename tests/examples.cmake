@@ -1,0 +1,1 @@
+velorin_test(examples_test LABEL diagnostics DEPENDS example_log_lines)

@@ -1,0 +1,126 @@
+// The datagram that carries one text to a local log daemon, and the sender's state.
+#ifndef VELORIN_INTERNAL_log_datagram_
+#define VELORIN_INTERNAL_log_datagram_
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "internal/log_format.h"
+
+namespace velorin::internal {
+
+// The time behind a datagram's text: the same 8 bytes from both widths.
+struct timeval32 {
+  uint32_t sec;
+  uint32_t usec;
+};
+static_assert(sizeof(timeval32) == 8, "daemons read the last 8 bytes of a datagram");
+
+constexpr size_t kDatagramRoom = 4096;
+constexpr size_t kDatagramTrailer = 1 + sizeof(timeval32);  // the zero byte and the time
+constexpr size_t kTextMax = 4086;  // one byte less than would fit; daemons and tools rely on it
+static_assert(kTextMax + kDatagramTrailer <= kDatagramRoom, "the trailer fits behind any text");
+
+// Restores errno when it goes out of scope.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : errno_(errno) {}
+  ~ErrnoKeeper() { errno = errno_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  const int errno_;
+};
+
+constexpr int kNotMade = -1;  // the sender's socket
+constexpr int kGivenUp = -2;  // it could not be made
+
+// One sender: its socket is made on first use and serves all destinations. Constant-initialised, so
+// that it works before constructors run; all threads and signal handlers share it without a lock.
+struct LogSender {
+  const char* no_socket_warning;  // printed once, when no socket can be made
+  int fd = kNotMade;      // released by the thread that made it, acquired by those that send
+  int logd_enabled = -1;  // -1: nothing sent yet; 1: the last send worked; 0: it did not
+};
+
+// Writes all of `len` bytes to standard error: in one write, unless that is cut short.
+inline void write_stderr(const char* text, size_t len) {
+  while (len > 0) {
+    const ssize_t written = write(STDERR_FILENO, text, len);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text += written;
+    len -= static_cast<size_t>(written);
+  }
+}
+
+// Makes the sender's socket if need be. Returns: whether there is one.
+inline bool open_sender(LogSender* sender) {
+  const int fd = __atomic_load_n(&sender->fd, __ATOMIC_ACQUIRE);
+  if (fd >= 0) return true;
+  if (fd == kGivenUp) return false;
+  const ErrnoKeeper keeper;
+  int expected = kNotMade;
+  const int made = socket(AF_UNIX, SOCK_DGRAM, 0);
+  const int next = made >= 0 ? made : kGivenUp;
+  if (!__atomic_compare_exchange_n(&sender->fd, &expected, next, /*weak=*/false, __ATOMIC_RELEASE,
+                                   __ATOMIC_ACQUIRE)) {
+    // Another thread, or a signal handler, was first: its outcome counts.
+    if (made >= 0) (void)close(made);
+    return expected >= 0;
+  }
+  if (made >= 0) return true;
+  write_stderr(sender->no_socket_warning, strlen(sender->no_socket_warning));
+  return false;
+}
+
+// Formats into `text`, at most kTextMax bytes and a zero.
+// Room: kDatagramRoom bytes.
+// Returns: the text's length; 0 when it is empty or refused by vsnprintf.
+inline size_t format_text(char* text, const char* fmt, va_list ap)
+    __attribute__((format(printf, 2, 0)));
+
+inline size_t format_text(char* text, const char* fmt, va_list ap) {
+  va_list plain;
+  va_copy(plain, ap);
+  const int written = format_line(text, kTextMax + 1, fmt, ap, &plain);
+  va_end(plain);
+  if (written < 1) return 0;
+  const size_t len = static_cast<size_t>(written);
+  return len < kTextMax ? len : kTextMax;
+}
+
+// Puts the trailer behind the `len` bytes at `text` and sends both as one datagram, without
+// blocking. Room: `len` + kDatagramTrailer bytes. Returns: whether it was sent; else errno says
+// why.
+inline bool send_text(LogSender* sender, const sockaddr_un& to, char* text, size_t len) {
+  if (to.sun_path[0] == '\0') {
+    errno = ENOENT;  // switched off; to the kernel it would be an abstract address, open to anybody
+    return false;
+  }
+  timeval now;
+  (void)gettimeofday(&now, nullptr);
+  const timeval32 stamp = {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec)};
+  text[len] = '\0';
+  memcpy(text + len + 1, &stamp, sizeof stamp);
+
+  const int fd = __atomic_load_n(&sender->fd, __ATOMIC_ACQUIRE);
+  ssize_t sent;
+  do {
+    sent = sendto(fd, text, len + kDatagramTrailer, MSG_DONTWAIT,
+                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  } while (sent < 0 && errno == EINTR);
+  return sent >= 0;
+}
+
+}  // namespace velorin::internal
+
+#endif  // VELORIN_INTERNAL_log_datagram_
