@@ -1,0 +1,1 @@
+velorin_test(String_test LABEL text)
