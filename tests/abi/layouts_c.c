@@ -1,0 +1,2 @@
+/* The layouts as C sees them. */
+#include "layouts.h"
