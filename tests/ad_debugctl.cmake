@@ -1,0 +1,1 @@
+velorin_test(ad_debugctl_test LABEL diagnostics DEPENDS ad_debugctl)
