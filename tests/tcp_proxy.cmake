@@ -1,0 +1,1 @@
+velorin_test(tcp_proxy_test LABEL diagnostics DEPENDS tcp_proxy)

@@ -1,0 +1,934 @@
+// The proxy as a real program between real sockets, and what it logs.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child.h"
+#include "support/log_listener.h"
+#include "support/private_world.h"
+#include "velorin/ad_debug"
+
+namespace {
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+constexpr char kProgram[] = VELORIN_BIN "/tcp_proxy";
+constexpr char kDaemonSocket[] = "/tmp/ad_errorlog.0";
+constexpr time_t kPatience = 20;  // seconds; only a failing test waits that long
+
+sockaddr_in addressOf(const std::string& ip, int port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
+  return address;
+}
+
+// A blocking TCP socket whose calls give up after kPatience.
+class Socket {
+ public:
+  explicit Socket(int fd) : fd_(fd) {
+    if (fd_ < 0) throw std::runtime_error(std::string("socket: ") + strerror(errno));
+    const timeval limit = {kPatience, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  }
+  Socket(Socket&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  Socket& operator=(Socket&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Socket() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+  int fd() const { return fd_; }
+
+  int port() const {
+    sockaddr_in address = {};
+    socklen_t size = sizeof address;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+  }
+
+  Socket accepted() const { return Socket(accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)); }
+
+  void send(const std::string& text) const {
+    size_t sent = 0;
+    while (sent < text.size()) {
+      const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+      if (n < 0) return ADD_FAILURE() << "send: " << strerror(errno), void();
+      sent += static_cast<size_t>(n);
+    }
+  }
+
+  // Exactly `size` bytes, or fewer when the stream ends before.
+  std::string receive(size_t size) const {
+    std::string text(size, '\0');
+    const ssize_t n = recv(fd_, text.data(), size, MSG_WAITALL);
+    text.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return text;
+  }
+
+  // Everything up to the end of the stream; `*err` gets 0, or the errno that it ended with.
+  std::string receiveAll(int* err) const {
+    std::string text;
+    std::string room(65536, '\0');
+    ssize_t n;
+    while ((n = recv(fd_, room.data(), room.size(), 0)) > 0)
+      text.append(room, 0, static_cast<size_t>(n));
+    *err = n < 0 ? errno : 0;
+    return text;
+  }
+
+  std::string receiveAll() const {
+    int err;
+    const std::string text = receiveAll(&err);
+    EXPECT_EQ(err, 0) << strerror(err);
+    return text;
+  }
+
+  // How the stream ends, with nothing before: 0, or an errno.
+  int ending() const {
+    int err;
+    EXPECT_EQ(receiveAll(&err), "");
+    return err;
+  }
+
+  // Bytes that the other end's kernel has not taken yet.
+  int unacknowledged() const {
+    int count = -1;
+    ioctl(fd_, SIOCOUTQ, &count);
+    return count;
+  }
+
+  int state() const {
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    getsockopt(fd_, IPPROTO_TCP, TCP_INFO, &info, &size);
+    return info.tcpi_state;
+  }
+
+  void endOutput() const { shutdown(fd_, SHUT_WR); }
+
+  void reset() {
+    const linger none = {1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+Socket listening(int backlog = 1024) {
+  Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = addressOf("127.0.0.1", 0);
+  if (bind(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(socket.fd(), backlog) != 0)
+    throw std::runtime_error(std::string("listen: ") + strerror(errno));
+  return socket;
+}
+
+Socket connected(int port, const std::string& source = "127.0.0.1") {
+  Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in from = addressOf(source, 0);
+  const sockaddr_in to = addressOf("127.0.0.1", port);
+  if (bind(socket.fd(), reinterpret_cast<const sockaddr*>(&from), sizeof from) != 0 ||
+      connect(socket.fd(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+    throw std::runtime_error(std::string("connect: ") + strerror(errno));
+  return socket;
+}
+
+// A port that nobody listens at.
+int refusingPort() {
+  return listening().port();
+}
+
+std::string randomBytes(size_t size, unsigned seed) {
+  std::mt19937 generator(seed);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(generator());
+  return bytes;
+}
+
+void limitDescriptors(rlim_t count) {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = count;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// For what nothing announces: looks until it is so, at most kPatience.
+bool eventually(const std::function<bool()>& holds) {
+  const time_t deadline = time(nullptr) + kPatience;
+  while (!holds()) {
+    if (time(nullptr) > deadline) return false;
+    (void)poll(nullptr, 0, 1);
+  }
+  return true;
+}
+
+std::string textOf(const sockaddr_in& address) {
+  char ip[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
+  return std::string(ip) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+std::string localAddress(const Socket& socket) {
+  sockaddr_in address = {};
+  socklen_t size = sizeof address;
+  getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &size);
+  return textOf(address);
+}
+
+// A proxy that runs on a free port in front of `upstream_port`.
+class Proxy {
+ public:
+  using Setup = std::function<void()>;
+
+  // `in_child` runs in the new process before the program is started there.
+  explicit Proxy(
+      int upstream_port, const Setup& in_child = [] {})
+      : child_([=] {
+          closefrom(3);  // so that its descriptors can be counted
+          in_child();
+          const std::string upstream = "127.0.0.1:" + std::to_string(upstream_port);
+          execl(kProgram, kProgram, "--listen", "127.0.0.1:0", "--upstream", upstream.c_str(),
+                "--name", "proxy", static_cast<char*>(nullptr));
+          _exit(127);
+        }) {
+    const std::string announcement = "listening on 127.0.0.1:";
+    if (!child_.waitForOut("\n") || child_.out().compare(0, announcement.size(), announcement) != 0)
+      throw std::runtime_error("the proxy did not start: " + child_.out() + child_.err());
+    port_ = std::stoi(child_.out().substr(announcement.size()));
+  }
+
+  int port() const { return port_; }
+  pid_t pid() const { return child_.pid(); }
+  Child& child() { return child_; }
+  Socket client(const std::string& source = "127.0.0.1") const { return connected(port_, source); }
+
+  // A log line that it wrote, as a regular expression.
+  std::string line(const std::string& tag, const std::string& file, const std::string& rest) const {
+    return "proxy\\(" + std::to_string(pid()) + "\\)" + tag + ":" + file + "\\.cc:[0-9]+-> " + rest;
+  }
+
+  int openDescriptors() const {
+    int count = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/fd")) {
+      (void)entry;
+      ++count;
+    }
+    return count;
+  }
+
+  // Whether it is waiting in the kernel now.
+  bool sleeps() const {
+    const int fd = open(("/proc/" + std::to_string(pid()) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+    char stat[512] = "";
+    const ssize_t size = read(fd, stat, sizeof stat - 1);
+    close(fd);
+    const char* const name_end = size > 0 ? strrchr(stat, ')') : nullptr;
+    return name_end != nullptr && name_end[2] == 'S';
+  }
+
+  // Ends it with SIGTERM; it must not have complained.
+  void stop() {
+    child_.signal(SIGTERM);
+    const ChildResult result = child_.wait();
+    EXPECT_EQ(result.exitCode(), 0) << result;
+    EXPECT_EQ(result.err, "");
+  }
+
+ private:
+  Child child_;
+  int port_ = 0;
+};
+
+// What lies unread in the socket at `local_port` that is connected to `remote_port`.
+unsigned long unreadBytes(int local_port, int remote_port) {
+  std::ifstream table("/proc/net/tcp");
+  std::string row;
+  while (std::getline(table, row)) {
+    unsigned local, remote;
+    unsigned long unread;
+    if (sscanf(row.c_str(), " %*d: %*x:%x %*x:%x %*x %*x:%lx", &local, &remote, &unread) == 3 &&
+        local == static_cast<unsigned>(local_port) && remote == static_cast<unsigned>(remote_port))
+      return unread;
+  }
+  return 0;
+}
+
+class tcp_proxyTest : public PrivateWorld {
+ protected:
+  tcp_proxyTest() : log_(std::make_unique<LogListener>(kDaemonSocket)) {}
+
+  LogListener& log() { return *log_; }
+  void removeLog() { log_.reset(); }
+
+  // The record that all processes of this daemon share.
+  ad_debug_cfg_t& record() {
+    if (record_ == nullptr) {
+      EXPECT_EQ(ad_get_ad_debug_cfg_p(kDaemonSocket, &record_), 0);
+    }
+    return *record_;
+  }
+  void setLevel(int level) { __atomic_store_n(&record().ad_debug_level, level, __ATOMIC_RELAXED); }
+
+ private:
+  std::unique_ptr<LogListener> log_;
+  ad_debug_cfg_t* record_ = nullptr;
+};
+
+// ---- Bytes ----
+
+TEST_F(tcp_proxyTest, PassesBytesOnUnchangedInBothDirectionsAtOnce) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  const std::string up = randomBytes(8 << 20, 1);
+  const std::string down = randomBytes(9 << 20, 2);
+  std::thread sender([&] {
+    client.send(up);
+    client.endOutput();
+  });
+  std::thread answerer([&] {
+    server.send(down);
+    server.endOutput();
+  });
+  std::string got_up;
+  std::thread receiver([&] { got_up = server.receiveAll(); });
+  const std::string got_down = client.receiveAll();
+  for (std::thread* thread : {&sender, &answerer, &receiver}) thread->join();
+  EXPECT_TRUE(got_up == up);
+  EXPECT_TRUE(got_down == down);
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, SlowReaderSlowsTheSenderDownAndLosesNothing) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  // The client reads nothing: what the server gets rid of lies in the kernel's buffers and in the
+  // proxy's. A proxy without a bound would take everything.
+  constexpr size_t kMost = 256 << 20;
+  const std::string block = randomBytes(1 << 20, 3);
+  size_t sent = 0;
+  pollfd room = {server.fd(), POLLOUT, 0};
+  while (sent < kMost && poll(&room, 1, 200) > 0) {
+    const size_t at = sent % block.size();
+    const ssize_t n =
+        send(server.fd(), block.data() + at, block.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n > 0) sent += static_cast<size_t>(n);
+  }
+  EXPECT_LT(sent, kMost);
+  server.endOutput();
+  const std::string got = client.receiveAll();
+  ASSERT_EQ(got.size(), sent);
+  for (size_t at = 0; at < sent; at += block.size())
+    ASSERT_EQ(got.compare(at, block.size(), block, 0, std::min(block.size(), sent - at)), 0) << at;
+  client.endOutput();
+  EXPECT_EQ(server.ending(), 0);
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ClientThatHasEndedItsRequestStillGetsTheAnswer) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  client.send("request");
+  client.endOutput();
+  EXPECT_EQ(server.receiveAll(), "request");
+  server.send("answer");
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll(), "answer");
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ServerThatHasEndedItsAnswerStillGetsTheRequest) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  server.send("greeting");
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll(), "greeting");
+  client.send("late request");
+  client.endOutput();
+  EXPECT_EQ(server.receiveAll(), "late request");
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, HangUpOfAClientWhoseBytesMustWaitDoesNotKeepItBusy) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll(), "");
+  // The server reads nothing: soon the proxy holds a chunk and leaves the next bytes in its socket.
+  const std::string block = randomBytes(16384, 4);
+  size_t blocks = 0;
+  do {
+    client.send(block);
+    ++blocks;
+    ASSERT_TRUE(eventually([&] { return client.unacknowledged() == 0; }));
+  } while (!proxy.sleeps() || unreadBytes(proxy.port(), client.port()) == 0);
+  // Both ends of the client's socket are shut now, which the kernel reports again and again.
+  client.endOutput();
+  ASSERT_TRUE(eventually([&] { return client.state() == TCP_CLOSE; }));
+  EXPECT_TRUE(eventually([&] { return proxy.sleeps(); }));
+  const std::string got = server.receiveAll();
+  ASSERT_EQ(got.size(), blocks * block.size());
+  for (size_t at = 0; at < got.size(); at += block.size())
+    ASSERT_EQ(got.compare(at, block.size(), block), 0) << at;
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ThreeHundredConnectionsAtOnceKeepTheirBytesApart) {
+  constexpr size_t kClients = 300;
+  limitDescriptors(1024);
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const int idle_descriptors = proxy.openDescriptors();
+  std::vector<Socket> clients;
+  std::map<std::string, Socket> servers;
+  for (size_t i = 0; i < kClients; ++i) {
+    clients.push_back(proxy.client());
+    clients.back().send(std::to_string(1000 + i));
+  }
+  for (size_t i = 0; i < kClients; ++i) {
+    Socket server = upstream.accepted();
+    std::string name = server.receive(4);
+    servers.emplace(std::move(name), std::move(server));
+  }
+  ASSERT_EQ(servers.size(), kClients);  // all are open, each has its own
+  for (const auto& [name, server] : servers) {
+    server.send("for " + name);
+    server.endOutput();
+  }
+  for (size_t i = 0; i < kClients; ++i) {
+    EXPECT_EQ(clients[i].receiveAll(), "for " + std::to_string(1000 + i));
+    clients[i].endOutput();
+  }
+  for (const auto& [name, server] : servers) EXPECT_EQ(server.ending(), 0) << name;
+  // The socket for the next connection's upstream side stays.
+  EXPECT_TRUE(eventually([&] { return proxy.openDescriptors() <= idle_descriptors + 1; }))
+      << proxy.openDescriptors() << " descriptors are open";
+  proxy.stop();
+}
+
+// ---- Failures ----
+
+TEST_F(tcp_proxyTest, RefusedUpstreamIsLoggedAndEndsTheClient) {
+  const int port = refusingPort();
+  Proxy proxy(port);
+  const Socket client = proxy.client("127.0.0.2");
+  EXPECT_EQ(client.ending(), ECONNRESET);
+  EXPECT_THAT(log().nextLine(),
+              MatchesRegex(proxy.line("ERRO", "connection",
+                                      "connect " + localAddress(client) + " -> 127.0.0.1:" +
+                                          std::to_string(port) + ": Connection refused")));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ResetOfTheClientResetsTheServer) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(2);
+  Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  client.send("abc");
+  EXPECT_EQ(server.receive(3), "abc");
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened"));
+  client.reset();
+  EXPECT_EQ(server.ending(), ECONNRESET);
+  EXPECT_THAT(log().nextLine(), EndsWith(": 3 bytes to upstream, 0 bytes to client; "
+                                         "client: Connection reset by peer"));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ResetOfTheServerResetsTheClient) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(2);
+  const Socket client = proxy.client();
+  Socket server = upstream.accepted();
+  server.send("abcd");
+  EXPECT_EQ(client.receive(4), "abcd");
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened"));
+  server.reset();
+  EXPECT_EQ(client.ending(), ECONNRESET);
+  EXPECT_THAT(log().nextLine(), EndsWith(": 0 bytes to upstream, 4 bytes to client; "
+                                         "upstream: Connection reset by peer"));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, AnswerSentBeforeAResetStillArrives) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  const Socket client = proxy.client();
+  client.send("request that nobody reads");
+  {
+    const Socket server = upstream.accepted();
+    pollfd request = {server.fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&request, 1, kPatience * 1000), 1);
+    server.send("error 413");
+  }  // closed with unread bytes, which resets the connection
+  int err;
+  EXPECT_EQ(client.receiveAll(&err), "error 413");
+  EXPECT_EQ(err, ECONNRESET);
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ClientThatEndedItsRequestAndResetsEndsTheConnection) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  client.send("x");
+  client.endOutput();
+  EXPECT_EQ(server.receiveAll(), "x");
+  client.reset();
+  // A stream that has ended cannot end again; the error shows beside it.
+  pollfd gone = {server.fd(), 0, 0};
+  ASSERT_EQ(poll(&gone, 1, kPatience * 1000), 1);
+  EXPECT_NE(gone.revents & POLLERR, 0);
+  proxy.stop();
+}
+
+// An upstream whose queue of one is taken, so that a further connect waits.
+class tcp_proxyBusyUpstreamTest : public tcp_proxyTest {
+ protected:
+  // Whether a connection attempt is under way: the kernel's table shows state 2, SYN_SENT.
+  static bool someoneConnects() { return read("/proc/net/tcp").find(" 02 ") != std::string::npos; }
+
+  const Socket upstream_ = listening(/*backlog=*/0);
+  const Socket first_ = connected(upstream_.port());
+};
+
+TEST_F(tcp_proxyBusyUpstreamTest, BytesSentWhileConnectingArriveAfterwards) {
+  Proxy proxy(upstream_.port());
+  const Socket client = proxy.client();
+  client.send("early");
+  client.endOutput();
+  ASSERT_TRUE(eventually(someoneConnects));
+  const Socket first_server = upstream_.accepted();
+  const Socket server = upstream_.accepted();
+  EXPECT_EQ(server.receiveAll(), "early");
+  server.send("late");
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll(), "late");
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyBusyUpstreamTest, ClientThatResetsWhileConnectingIsForgotten) {
+  Proxy proxy(upstream_.port());
+  setLevel(2);
+  const int idle_descriptors = proxy.openDescriptors();
+  Socket client = proxy.client();
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened"));
+  ASSERT_TRUE(eventually(someoneConnects));
+  client.reset();
+  EXPECT_THAT(log().nextLine(), EndsWith(": 0 bytes to upstream, 0 bytes to client; "
+                                         "client: Connection reset by peer"));
+  EXPECT_TRUE(eventually([&] { return proxy.openDescriptors() <= idle_descriptors + 1; }));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, NoDescriptorIsLeftBehindByFailures) {
+  const int port = refusingPort();
+  Proxy proxy(port);
+  const int idle_descriptors = proxy.openDescriptors();
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(proxy.client().ending(), ECONNRESET);
+    EXPECT_THAT(log().nextLine(), EndsWith("Connection refused"));
+  }
+  EXPECT_TRUE(eventually([&] { return proxy.openDescriptors() <= idle_descriptors + 1; }))
+      << proxy.openDescriptors() << " descriptors are open";
+  proxy.stop();
+}
+
+// ---- Few descriptors ----
+
+constexpr char kShort[] = "accept: Too many open files; new clients have to wait";
+
+TEST_F(tcp_proxyTest, ClientsBeyondTheDescriptorLimitWaitAndAreServedLater) {
+  constexpr size_t kClients = 12;
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port(), [] { limitDescriptors(16); });
+  std::vector<Socket> clients;
+  for (size_t i = 0; i < kClients; ++i) {
+    clients.push_back(proxy.client());
+    clients.back().send(std::to_string(10 + i));
+    clients.back().endOutput();
+  }
+  EXPECT_THAT(log().nextLine(), MatchesRegex(proxy.line("ERRO", "proxy", kShort)));
+  EXPECT_TRUE(eventually([&] { return proxy.sleeps(); }));  // it does not try all the time
+  for (size_t i = 0; i < kClients; ++i) {
+    const Socket server = upstream.accepted();
+    server.send("for " + server.receiveAll());
+    (void)log().waiting();
+  }
+  for (size_t i = 0; i < kClients; ++i)
+    EXPECT_EQ(clients[i].receiveAll(), "for " + std::to_string(10 + i));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, AcceptsAgainWhenDescriptorsAreToBeHadAgain) {
+  const Socket upstream = listening();
+  // Its own descriptors and no more: no connection can end and so end the wait.
+  Proxy proxy(upstream.port(), [] { limitDescriptors(8); });
+  const Socket client = proxy.client();
+  EXPECT_THAT(log().nextLine(), MatchesRegex(proxy.line("ERRO", "proxy", kShort)));
+  rlimit more;
+  ASSERT_EQ(prlimit(proxy.pid(), RLIMIT_NOFILE, nullptr, &more), 0);
+  more.rlim_cur = 64;
+  ASSERT_EQ(prlimit(proxy.pid(), RLIMIT_NOFILE, &more, nullptr), 0);
+  const Socket server = upstream.accepted();
+  server.send("at last");
+  EXPECT_EQ(client.receive(7), "at last");
+  EXPECT_EQ(log().waiting().size(), 0U);  // the shortage was reported once
+  proxy.stop();
+}
+
+// ---- The log ----
+
+TEST_F(tcp_proxyTest, QuietConnectionLogsNothingAtLevelOne) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(1);
+  {
+    const Socket client = proxy.client();
+    const Socket server = upstream.accepted();
+    client.endOutput();
+    server.endOutput();
+    EXPECT_EQ(client.ending(), 0);
+    EXPECT_EQ(server.ending(), 0);
+  }
+  proxy.stop();
+  EXPECT_EQ(log().waiting().size(), 0U);
+}
+
+TEST_F(tcp_proxyTest, LevelTwoShowsConnectionsWithTheirByteCounts) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(2);
+  const Socket client = proxy.client("127.0.0.5");
+  const Socket server = upstream.accepted();
+  const std::string pair =
+      localAddress(client) + " -> 127.0.0.1:" + std::to_string(upstream.port());
+  EXPECT_THAT(log().nextLine(), MatchesRegex(proxy.line("TRCE", "connection", "opened " + pair)));
+  client.send("12345");
+  client.endOutput();
+  EXPECT_EQ(server.receiveAll(), "12345");
+  server.send(std::string(100000, 'x'));
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll().size(), 100000U);
+  EXPECT_THAT(
+      log().nextLine(),
+      MatchesRegex(proxy.line("TRCE", "connection",
+                              "closed " + pair + ": 5 bytes to upstream, 100000 bytes to client")));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, LevelThreeShowsEveryChunk) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(3);
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened"));
+  const std::string pair =
+      localAddress(client) + " -> 127.0.0.1:" + std::to_string(upstream.port());
+  client.send("12345");
+  EXPECT_EQ(server.receive(5), "12345");
+  EXPECT_THAT(log().nextLine(),
+              MatchesRegex(proxy.line("DETL", "connection", pair + ": 5 bytes from client")));
+  server.send("1234567");
+  EXPECT_EQ(client.receive(7), "1234567");
+  EXPECT_THAT(log().nextLine(),
+              MatchesRegex(proxy.line("DETL", "connection", pair + ": 7 bytes from upstream")));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, ClientFilterDropsEveryLineOfOtherClientsEvenErrors) {
+  Proxy proxy(refusingPort());
+  setLevel(3);
+  record().debug_target_client_ip = inet_addr("127.0.0.2");
+  EXPECT_EQ(proxy.client("127.0.0.3").ending(), ECONNRESET);
+  EXPECT_EQ(proxy.client("127.0.0.2").ending(), ECONNRESET);
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened 127.0.0.2:"));
+  EXPECT_THAT(log().nextLine(), AllOf(HasSubstr("ERRO"), HasSubstr("connect 127.0.0.2:")));
+  EXPECT_THAT(log().nextLine(), HasSubstr("closed 127.0.0.2:"));
+  EXPECT_EQ(proxy.client("127.0.0.3").ending(), ECONNRESET);
+  // Lines that belong to no connection pass.
+  proxy.child().signal(SIGTERM);
+  EXPECT_THAT(log().nextLine(), EndsWith("Terminated: stopping with 0 connections open"));
+  proxy.stop();
+  EXPECT_EQ(log().waiting().size(), 0U);
+}
+
+TEST_F(tcp_proxyTest, ServerFilterDropsTheLinesOfOtherServers) {
+  Proxy proxy(refusingPort());
+  record().debug_target_server_ip = inet_addr("127.0.0.9");
+  EXPECT_EQ(proxy.client().ending(), ECONNRESET);
+  record().debug_target_server_ip = inet_addr("127.0.0.1");
+  EXPECT_EQ(proxy.client().ending(), ECONNRESET);
+  proxy.stop();
+  EXPECT_EQ(log().waiting().size(), 1U);
+}
+
+TEST_F(tcp_proxyTest, InterleavedConnectionsAreFilteredEachByItsOwnAddress) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(3);
+  record().debug_target_client_ip = inet_addr("127.0.0.3");
+  const Socket hidden = proxy.client("127.0.0.2");
+  const Socket hidden_server = upstream.accepted();
+  const Socket shown = proxy.client("127.0.0.3");
+  const Socket shown_server = upstream.accepted();
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened 127.0.0.3:"));
+  for (int i = 0; i < 3; ++i) {
+    hidden.send("hidden");
+    EXPECT_EQ(hidden_server.receive(6), "hidden");
+    shown.send("shown");
+    EXPECT_EQ(shown_server.receive(5), "shown");
+    EXPECT_THAT(log().nextLine(),
+                AllOf(HasSubstr("-> 127.0.0.3:"), EndsWith("5 bytes from client")));
+  }
+  EXPECT_EQ(log().waiting().size(), 0U);
+  record().debug_target_client_ip = 0;
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, SignalTenReloadsTheSettingsOfARunningProxy) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(1);
+  ASSERT_TRUE(eventually([&] { return proxy.sleeps(); }));
+  write(std::string(kDaemonSocket) + ".cfg", "debug_level=2\ndebug_client_ip=127.0.0.7\n");
+  proxy.child().signal(10);
+  EXPECT_TRUE(eventually([&] {
+    return __atomic_load_n(&record().debug_target_client_ip, __ATOMIC_RELAXED) ==
+           inet_addr("127.0.0.7");
+  }));
+  EXPECT_EQ(record().ad_debug_level, 2);
+  const Socket other = proxy.client("127.0.0.6");
+  const Socket other_server = upstream.accepted();
+  const Socket client = proxy.client("127.0.0.7");
+  const Socket server = upstream.accepted();
+  EXPECT_THAT(log().nextLine(), HasSubstr("opened 127.0.0.7:"));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, EnvironmentNamesTheDaemon) {
+  LogListener other("/tmp/other_log.0");
+  const int port = refusingPort();
+  Proxy proxy(port, [] { setenv("ERROR_LOG_SOCKET", "/tmp/other_log", 1); });
+  EXPECT_EQ(proxy.client().ending(), ECONNRESET);
+  EXPECT_THAT(other.nextLine(), StartsWith("proxy("));
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, WithoutADaemonLinesGoToStandardError) {
+  removeLog();
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port(), [] { setenv("DEBUG_LEVEL", "2", 1); });
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  EXPECT_TRUE(proxy.child().waitForErr(" -> 127.0.0.1:"));
+  EXPECT_THAT(proxy.child().err(), HasSubstr("WARNING: cannot contact ad_logd"));
+  client.send("still served");
+  EXPECT_EQ(server.receive(12), "still served");
+}
+
+TEST_F(tcp_proxyTest, SurvivesAStandardErrorThatNobodyReads) {
+  removeLog();
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port(), [] {
+    setenv("DEBUG_LEVEL", "3", 1);
+    int ends[2];
+    if (pipe(ends) != 0) _exit(1);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+  });
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  client.send("still served");
+  EXPECT_EQ(server.receive(12), "still served");
+  proxy.stop();
+}
+
+TEST_F(tcp_proxyTest, StandardStreamsThatAreClosedDoNotBecomeSockets) {
+  removeLog();
+  constexpr int kPort = 7001;
+  const Socket upstream = listening();
+  const std::string upstream_address = "127.0.0.1:" + std::to_string(upstream.port());
+  const Child proxy([&] {
+    setenv("DEBUG_LEVEL", "3", 1);
+    for (const int fd : {0, 1, 2}) close(fd);
+    execl(kProgram, kProgram, "--listen", "127.0.0.1:7001", "--upstream", upstream_address.c_str(),
+          static_cast<char*>(nullptr));
+  });
+  std::optional<Socket> client;
+  ASSERT_TRUE(eventually([&] {
+    try {
+      client.emplace(connected(kPort));
+    } catch (const std::runtime_error&) {
+    }
+    return client.has_value();
+  }));
+  const Socket server = upstream.accepted();
+  client->send("up");
+  client->endOutput();
+  EXPECT_EQ(server.receiveAll(), "up");
+  server.send("down");
+  server.endOutput();
+  EXPECT_EQ(client->receiveAll(), "down");
+}
+
+// ---- Start and stop ----
+
+class tcp_proxyStopTest : public tcp_proxyTest, public testing::WithParamInterface<int> {};
+
+TEST_P(tcp_proxyStopTest, EndsItsConnectionsAndExitsWithZero) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  setLevel(2);
+  std::vector<Socket> open_ends;
+  for (int i = 0; i < 2; ++i) {
+    open_ends.push_back(proxy.client());
+    open_ends.push_back(upstream.accepted());
+    EXPECT_THAT(log().nextLine(), HasSubstr("opened"));
+  }
+  proxy.child().signal(GetParam());
+  const ChildResult result = proxy.child().wait();
+  EXPECT_EQ(result.exitCode(), 0) << result;
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out, "listening on 127.0.0.1:" + std::to_string(proxy.port()) + "\n");
+  for (const Socket& end : open_ends) EXPECT_EQ(end.ending(), ECONNRESET);
+  EXPECT_THAT(log().nextLine(),
+              EndsWith(std::string(strsignal(GetParam())) + ": stopping with 2 connections open"));
+  for (int i = 0; i < 2; ++i)
+    EXPECT_THAT(log().nextLine(), EndsWith(": 0 bytes to upstream, 0 bytes to client; stopped"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, tcp_proxyStopTest, testing::Values(SIGTERM, SIGINT),
+                         [](const auto& row) {
+                           return std::string(row.param == SIGTERM ? "SIGTERM" : "SIGINT");
+                         });
+
+TEST_F(tcp_proxyTest, AddressInUseIsReportedAndExitsWithOne) {
+  const Socket taken = listening();
+  const std::string address = "127.0.0.1:" + std::to_string(taken.port());
+  const ChildResult result =
+      runProgram({kProgram, "--listen", address, "--upstream", "127.0.0.1:1"});
+  EXPECT_EQ(result.exitCode(), 1) << result;
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "tcp_proxy: " + address + ": bind: Address already in use\n");
+  EXPECT_THAT(log().nextLine(), EndsWith(address + ": bind: Address already in use"));
+}
+
+TEST_F(tcp_proxyTest, OutputThatCannotBeWrittenExitsWithOne) {
+  for (const char* option : {"--help", "--version", "--listen=127.0.0.1:0"}) {
+    const ChildResult result = runInChild([=] {
+      dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+      execl(kProgram, kProgram, "--upstream=127.0.0.1:1", option, static_cast<char*>(nullptr));
+    });
+    EXPECT_EQ(result.exitCode(), 1) << option << result;
+  }
+}
+
+TEST_F(tcp_proxyTest, HelpAndVersionGoToStandardOutput) {
+  const ChildResult help = runProgram({kProgram, "--help"});
+  EXPECT_EQ(help.exitCode(), 0);
+  EXPECT_THAT(help.out, StartsWith("Usage: tcp_proxy --listen"));
+  EXPECT_EQ(help.err, "");
+  const ChildResult version = runProgram({kProgram, "--version"});
+  EXPECT_EQ(version.exitCode(), 0);
+  EXPECT_THAT(version.out, MatchesRegex("tcp_proxy [0-9.]+\n"));
+}
+
+struct WrongUsage {
+  const char* name;
+  std::vector<std::string> arguments;
+  const char* complaint;
+};
+
+void PrintTo(const WrongUsage& usage, std::ostream* to) {
+  *to << usage.name;
+}
+
+class tcp_proxyUsageTest : public PrivateWorld, public testing::WithParamInterface<WrongUsage> {};
+
+TEST_P(tcp_proxyUsageTest, ExitsWithTwoAndSaysWhy) {
+  std::vector<std::string> argv = {kProgram};
+  argv.insert(argv.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+  const ChildResult result = runProgram(argv);
+  EXPECT_EQ(result.exitCode(), 2) << result;
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err,
+              AllOf(HasSubstr(GetParam().complaint), EndsWith("Try 'tcp_proxy --help'.\n")));
+}
+
+constexpr char kUpstream[] = "--upstream=127.0.0.1:1";
+constexpr char kNoAddress[] = "not an IPv4 address and port: ";
+
+INSTANTIATE_TEST_SUITE_P(
+    Usage, tcp_proxyUsageTest,
+    testing::Values(
+        WrongUsage{"Nothing", {}, "--listen is missing"},
+        WrongUsage{"NoListen", {kUpstream}, "--listen is missing"},
+        WrongUsage{"NoUpstream", {"--listen=127.0.0.1:0"}, "--upstream is missing"},
+        WrongUsage{"NoValue", {kUpstream, "--listen"}, "requires an argument"},
+        WrongUsage{"UnknownOption", {"--frobnicate"}, "unrecognized option"},
+        WrongUsage{"Operand", {kUpstream, "--listen=127.0.0.1:0", "x"}, "unexpected argument: x"},
+        WrongUsage{"NoPort", {"--listen=127.0.0.1"}, kNoAddress},
+        WrongUsage{"EmptyPort", {"--listen=127.0.0.1:"}, kNoAddress},
+        WrongUsage{"PortTooHigh", {"--listen=127.0.0.1:65536"}, kNoAddress},
+        WrongUsage{"NegativePort", {"--listen=127.0.0.1:-1"}, kNoAddress},
+        WrongUsage{"BytesBehindThePort", {"--listen=127.0.0.1:80x"}, kNoAddress},
+        WrongUsage{"HostName", {"--listen=localhost:80"}, kNoAddress},
+        WrongUsage{"ShortQuad", {"--listen=127.1:80"}, kNoAddress},
+        WrongUsage{"EmptyAddress", {"--upstream="}, kNoAddress},
+        WrongUsage{"UpstreamPortZero", {"--upstream=127.0.0.1:0"}, "no port to connect to: "}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
