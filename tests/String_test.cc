@@ -22,16 +22,17 @@ std::atomic<size_t> allocations = 0;
 
 }  // namespace
 
-// Counted, whoever allocates: the library and the standard library use these too.
-void* operator new(size_t size) {
+// Counted, whoever allocates: the library and the standard library use these too. Inlined, they
+// would look to the compiler like malloc beside delete.
+[[gnu::noinline]] void* operator new(size_t size) {
   ++allocations;
   if (void* memory = malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
   free(memory);
 }
 

@@ -372,7 +372,8 @@ TEST_F(ad_debugLogTest, LineOfAnotherConnectionIsWrittenNowhere) {
   const struct {
     uint32_t target, current;
     bool passes;
-  } sides[] = {{0, 0, true}, {0, 7, true}, {5, 0, true}, {5, 5, true}, {5, 7, false}};
+  } sides[] = {{0, 0, true}, {0, 7, true},  {5, 0, true},
+               {5, 5, true}, {5, 7, false}, {5, 8, false}};
   LogListener special(kSpecial);
   const std::string err = errorsOf([&] {
     ad_debug_syslog_critical_msg_only = 0;
@@ -931,6 +932,29 @@ TEST_F(ad_debugLogTest, UnreachableSpecialLogSharesTheDaemonsWarning) {
       EXPECT_EQ(daemon().waiting().size(), 1u);
     }
   });
+}
+
+TEST_F(ad_debugLogTest, PathThatWasEmptiedIsNobodysAddress) {
+  // To the kernel, what is left behind the emptied first byte could be an abstract address.
+  const std::string left[] = {"", kDaemon + 1, kSpecial + 1};
+  std::vector<int> listeners;
+  for (const std::string& name : left) {
+    sockaddr_un address = {AF_UNIX, ""};
+    name.copy(address.sun_path + 1, name.size());
+    listeners.push_back(socket(AF_UNIX, SOCK_DGRAM, 0));
+    ASSERT_EQ(bind(listeners.back(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  EXPECT_EQ(errorsOf([] {
+              ad_init_debug_lib(nullptr);
+              ad_errorlog_printf("x\n");
+              ad_errorlog_printf_special("y\n");
+            }),
+            std::string(kUnreachable) + "x\ny\n");
+  char byte;
+  for (const int fd : listeners) {
+    EXPECT_EQ(recv(fd, &byte, 1, MSG_DONTWAIT), -1);
+    close(fd);
+  }
 }
 
 // ---- The special log ----

@@ -1,0 +1,1 @@
+velorin_program(example_text_numbers text_numbers.cc)
