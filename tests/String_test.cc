@@ -60,7 +60,7 @@ void expectTexts(const std::vector<Example>& examples) {
 
 // The digits of `v` as std::to_chars gives them, upper-case; none for 0; padded to `mindigits`.
 std::string peerDigits(uint64_t v, int radix, int mindigits) {
-  char text[64];
+  char text[64] = {};
   char* end = text;
   if (v != 0) end = std::to_chars(text, text + sizeof text, v, radix).ptr;
   for (char* p = text; p != end; ++p) *p = static_cast<char>(toupper(*p));
@@ -467,6 +467,7 @@ TEST(StringTest, ManyThreadsFormatAtOnce) {
   const std::vector<uint64_t> numbers = randomNumbers(500);
   std::atomic<size_t> wrong = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (const uint64_t number : numbers)

@@ -1136,6 +1136,27 @@ TEST_F(ad_debugLogTest, FailedAllocationWithoutADaemonIsShownOnStandardError) {
   EXPECT_THAT(result.err, HasSubstr("-> Malloc fail at caller.c:77\n"));
 }
 
+TEST_F(ad_debugLogTest, FatalRecordIsTheBareTextWhereverTheLineWent) {
+  const auto fatal = [] { AD_FATAL(3, 512001, "no route"); };
+  const struct {
+    const char* what;
+    std::function<void()> before;
+  } rows[] = {
+      {"no daemon", [] { ad_init_debug_lib("/tmp/nowhere"); }},
+      {"no path", [] { ad_init_debug_lib(nullptr); }},
+      {"no special log", [] { configure(4); }},
+  };
+  for (const auto& row : rows) {
+    const ChildResult child = runInChild([&] {
+      row.before();
+      fatal();
+    });
+    EXPECT_EQ(child.exitCode(), 3) << row.what << child;
+    EXPECT_THAT(child.err, EndsWith("-> no route\n")) << row.what;
+    EXPECT_THAT(syslog().waiting(), ElementsAre("2/0/0/512001 no route")) << row.what;
+  }
+}
+
 TEST_F(ad_debugLogTest, FatalStatementExitsWithItsStatusAfterLineAndRecord) {
   LogListener special(kSpecial);
   const ChildResult result = runInChild([] {

@@ -1433,6 +1433,42 @@ TEST_F(ad_debugTest, SecondInitialisationTakesOverAHandlerInstalledBetween) {
   });
 }
 
+struct sigaction library_action;
+
+void countAndPassOn(int sig) {
+  ++calls;
+  library_action.sa_handler(sig);
+}
+
+TEST_F(ad_debugTest, HandlerThatPassesOnToOursIsCalledOncePerSignal) {
+  errorsOf([] {
+    ad_init_debug_lib("/tmp/nowhere");
+    struct sigaction between = {};
+    between.sa_handler = countAndPassOn;
+    sigaction(SIGUSR1, &between, &library_action);
+    ad_init_debug_lib("/tmp/elsewhere");
+    raise(SIGUSR1);
+    EXPECT_EQ(calls, 1);
+    raise(SIGUSR1);
+    EXPECT_EQ(calls, 2);
+  });
+}
+
+TEST_F(ad_debugTest, InitialisationKeepsTheSignalMask) {
+  errorsOf([] {
+    for (const int how : {SIG_UNBLOCK, SIG_BLOCK}) {
+      sigset_t mask;
+      sigemptyset(&mask);
+      sigaddset(&mask, SIGUSR1);
+      sigprocmask(how, &mask, nullptr);
+      ad_init_debug_lib(how == SIG_BLOCK ? "/tmp/nowhere" : "/tmp/elsewhere");
+      ad_set_special_log_path("/tmp/nowhere");
+      sigprocmask(SIG_BLOCK, nullptr, &mask);
+      EXPECT_EQ(sigismember(&mask, SIGUSR1), how == SIG_BLOCK);
+    }
+  });
+}
+
 TEST_F(ad_debugTest, ReloadKeepsErrno) {
   for (const char* level : {static_cast<const char*>(nullptr), "1"}) {
     environment("DEBUG_LEVEL", level);

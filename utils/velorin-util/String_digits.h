@@ -278,9 +278,9 @@ template <size_t room>
   return std::string(head.text, room);
 }
 
-// Returns: a string of `length` characters or more, up to the `most` that may be asked for, that
-// starts with the head; zeros follow. Its room is the string's own or what a block of the allocator
-// holds, so no memory is lost by it.
+// Returns: a string of `length` characters or more, `most` being the greatest that is asked for; it
+// starts with the head, zeros follow. A string has room for 15 characters itself; the other rooms
+// fill a block of the allocator with their final zero: 24, 40 and 72 bytes.
 template <size_t most, size_t room = 15>
 [[gnu::always_inline]] inline std::string startFor(const Head& head, size_t length) {
   if constexpr (most <= room) {

@@ -48,6 +48,7 @@ using velorin::internal::LogSender;
 using velorin::internal::open_sender;
 using velorin::internal::send_text;
 using velorin::internal::write_stderr;
+using velorin::internal::write_stderr_line;
 
 constexpr int kProjectId = 'd';    // of the record's key
 constexpr int kRecordMode = 0666;  // every process may change the level
@@ -136,7 +137,13 @@ void install_reload_handler() {
   store(&previous_info_handler, callable && info ? previous.sa_sigaction : nullptr);
 }
 
+// Set while this thread is in the previous handler: that one may have been told to call sig_user2,
+// and a second initialisation closes the ring. Static TLS, so that a handler never allocates it.
+__attribute__((tls_model("initial-exec"))) thread_local bool passing_on = false;
+
 void call_previous_handler(int sig) {
+  if (passing_on) return;
+  passing_on = true;
   if (const Handler handler = load(previous_handler)) handler(sig);
   if (const InfoHandler handler = load(previous_info_handler)) {
     siginfo_t info = {};
@@ -145,7 +152,25 @@ void call_previous_handler(int sig) {
     (void)getcontext(&context);
     handler(sig, &info, &context);
   }
+  passing_on = false;
 }
+
+// Keeps the reload signal from this thread while the paths and the previous handler change.
+class ReloadBlocker {
+ public:
+  ReloadBlocker() {
+    sigset_t reload;
+    (void)sigemptyset(&reload);
+    (void)sigaddset(&reload, kReloadSignal);
+    (void)pthread_sigmask(SIG_BLOCK, &reload, &before_);
+  }
+  ~ReloadBlocker() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  ReloadBlocker(const ReloadBlocker&) = delete;
+  ReloadBlocker& operator=(const ReloadBlocker&) = delete;
+
+ private:
+  sigset_t before_;
+};
 
 void read_settings_from_environment(int32_t* level, uint32_t* cip, uint32_t* sip) {
   if (const char* text = getenv("DEBUG_LEVEL")) {
@@ -179,8 +204,7 @@ void send_or_show(const sockaddr_un& to, char* text, size_t len) {
       load(ad_debug_in_sighandler) == 0) {
     write_stderr(kUnreachable, strlen(kUnreachable));
   }
-  if (text[len - 1] != '\n') text[len++] = '\n';  // in the trailer's room: still one write
-  write_stderr(text, len);
+  write_stderr_line(text, len, /*end_line=*/text[len - 1] != '\n');
 }
 
 void ad_write_to_logd(const sockaddr_un& to, const char* fmt, va_list ap)
@@ -205,16 +229,14 @@ class StatementText {
   // False when vsnprintf refused the caller's format: nothing is written then.
   bool good() const { return good_; }
   const char* unnamed() const { return unnamed_; }
-  const char* message() const { return message_; }
 
   void send_named();
   void send_unnamed();
-  void show_unnamed(bool add_newline);
+  void show_unnamed(bool end_line) const;
 
  private:
   char text_[sizeof ad_debug_process_name + kDatagramRoom];
   char* unnamed_;
-  char* message_;
   size_t unnamed_len_;  // at most kTextMax
   bool good_;
 };
@@ -227,7 +249,7 @@ char* put(char* at, const char* text, size_t len) {
 }
 
 // At most `max` bytes of a text that is mostly too short to be worth a call of strnlen and memcpy.
-char* putString(char* at, const char* text, size_t max) {
+char* put_string(char* at, const char* text, size_t max) {
   for (; max > 0 && *text != '\0'; --max) *at++ = *text++;
   return at;
 }
@@ -239,18 +261,17 @@ char* put(char* at, int number) {
 StatementText::StatementText(ad_debug_tag_t tag, const char* file, int line, const char* fmt,
                              va_list ap, va_list* plain) {
   constexpr size_t kNameMax = sizeof ad_debug_process_name - 1;
-  char* at = putString(text_, ad_debug_process_name, kNameMax);
+  char* at = put_string(text_, ad_debug_process_name, kNameMax);
   unnamed_ = at;
   *at++ = '(';
   at = put(at, getpid());
   *at++ = ')';
   at = put(at, kTags[tag], 4);
   *at++ = ':';
-  at = putString(at, file, NAME_MAX);
+  at = put_string(at, file, NAME_MAX);
   *at++ = ':';
   at = put(at, line);
   at = put(at, "-> ", 3);
-  message_ = at;
   const size_t prefix = static_cast<size_t>(at - unnamed_);
   const int written = format_line(at, kTextMax - prefix + 1, fmt, ap, plain);
   good_ = written >= 0;
@@ -273,10 +294,8 @@ void StatementText::send_unnamed() {
   send_or_show(sunx_errorsp, unnamed_, unnamed_len_);
 }
 
-void StatementText::show_unnamed(bool add_newline) {
-  size_t len = unnamed_len_;
-  if (add_newline) unnamed_[len++] = '\n';
-  write_stderr(unnamed_, len);
+void StatementText::show_unnamed(bool end_line) const {
+  write_stderr_line(unnamed_, unnamed_len_, end_line);
 }
 
 bool ends_line(const char* fmt) {
@@ -294,16 +313,34 @@ bool copied_to_syslog(ad_debug_tag_t tag, const ad_debug_cfg_t* cfg) {
 
 void write_logs(StatementText* text, const ad_debug_cfg_t* cfg, const char* fmt) {
   // The statement's own arguments can have taken the configuration away.
-  if (cfg == nullptr) return text->show_unnamed(/*add_newline=*/!ends_line(fmt));
+  if (cfg == nullptr) return text->show_unnamed(/*end_line=*/!ends_line(fmt));
   const bool special = load(cfg->ad_debug_level) == kSpecialLevel;
   if (open_sender(&sender)) text->send_named();
   if (special && open_sender(&sender)) text->send_unnamed();
+}
+
+void write_uncopied_error(int line, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// An ERRO statement of this file that is never copied to syslog, whatever another thread's reload
+// does to the critical-only flag meanwhile: the syslog client is not for signal handlers.
+void write_uncopied_error(int line, const char* fmt, ...) {
+  if (!ad_debug_wanted(INT32_MIN)) return;
+  const ErrnoKeeper keeper;
+  va_list ap;
+  va_list plain;
+  va_start(ap, fmt);
+  va_copy(plain, ap);
+  StatementText text(AD_DEBUG_ERRO, __FILE_NAME__, line, fmt, ap, &plain);
+  va_end(plain);
+  va_end(ap);
+  write_logs(&text, load(ad_debug_cfg_p), fmt);
 }
 
 }  // namespace
 
 int ad_init_debug_lib(const char* send_path) {
   if (send_path != nullptr && strcmp(send_path, old_send_path) == 0) return 0;
+  const ReloadBlocker blocker;
   clear_private_record();
   sunx_errorsp.sun_path[0] = '\0';
   if (send_path == nullptr) send_path = getenv("ERROR_LOG_SOCKET");
@@ -450,8 +487,8 @@ void ad_debug_set_debug_level_directly(int32_t level) {
 void ad_debug_set_syslog_critical_msg_only(uint32_t flag) {
   store(&ad_debug_syslog_critical_msg_only, flag);
   if (flag == 0) return;
-  AD_ERRO("ad_debug_syslog_critical_msg_only set to true\n");
-  AD_ERRO("non-critical message won't be written to syslog in any case\n");
+  write_uncopied_error(__LINE__, "ad_debug_syslog_critical_msg_only set to true\n");
+  write_uncopied_error(__LINE__, "non-critical message won't be written to syslog in any case\n");
 }
 
 void ad_debug_set_default_module_id(uint32_t module_id) {
@@ -502,7 +539,9 @@ void ad_errorlog_printf_special(const char* fmt, ...) {
 }
 
 int ad_set_special_log_path(const char* send_path) {
-  if (send_path != nullptr) (void)choose_daemon(send_path, &sunx_errorsp);
+  if (send_path == nullptr) return 0;
+  const ReloadBlocker blocker;
+  (void)choose_daemon(send_path, &sunx_errorsp);
   return 0;
 }
 
@@ -543,8 +582,13 @@ void ad_debug_fatal(int exit_code, uint32_t message_id, const char* file, int li
   StatementText text(AD_DEBUG_CRTC, file, line, fmt, ap, &plain);
   va_end(plain);
   va_end(ap);
+
+  char record[kDatagramRoom];
+  va_start(ap, fmt);
+  if (format_text(record, fmt, ap) == 0) record[0] = '\0';
+  va_end(ap);
+
   if (text.good() && ad_debug_wanted(INT32_MIN)) write_logs(&text, load(ad_debug_cfg_p), fmt);
-  (void)ku_syslog(kSyslogCritical, load(ad_debug_module_id), kSyslogZero, message_id, "%s",
-                  text.message());
+  (void)ku_syslog(kSyslogCritical, load(ad_debug_module_id), kSyslogZero, message_id, "%s", record);
   exit(exit_code);
 }

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -51,15 +52,35 @@ struct LogSender {
   int logd_enabled = -1;  // -1: nothing sent yet; 1: the last send worked; 0: it did not
 };
 
-// Writes all of `len` bytes to standard error: in one write, unless that is cut short.
-inline void write_stderr(const char* text, size_t len) {
+// Writes all of `len` bytes: in one write, unless that is cut short. What a non-blocking descriptor
+// has no room for is lost.
+inline void write_all(int fd, const char* text, size_t len) {
   while (len > 0) {
-    const ssize_t written = write(STDERR_FILENO, text, len);
+    const ssize_t written = write(fd, text, len);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;
     text += written;
     len -= static_cast<size_t>(written);
   }
+}
+
+inline void write_stderr(const char* text, size_t len) {
+  write_all(STDERR_FILENO, text, len);
+}
+
+// Writes `text` and, when `end_line`, a newline to standard error: in one write, so that lines of
+// many processes on one pipe do not tear.
+inline void write_stderr_line(const char* text, size_t len, bool end_line) {
+  char newline = '\n';
+  const iovec parts[] = {{const_cast<char*>(text), len}, {&newline, end_line ? size_t{1} : 0}};
+  ssize_t written;
+  do {
+    written = writev(STDERR_FILENO, parts, 2);
+  } while (written < 0 && errno == EINTR);
+  if (written < 0) return;
+  const size_t done = static_cast<size_t>(written);
+  if (done < len) write_stderr(text + done, len - done);
+  if (done <= len) write_stderr(&newline, parts[1].iov_len);
 }
 
 // Makes the sender's socket if need be. Returns: whether there is one.

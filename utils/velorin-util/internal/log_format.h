@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <stdarg.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
@@ -21,14 +22,14 @@ class LineText {
   LineText(char* to, size_t room) : at_(to), left_(room - 1) {}
 
   void add(const char* text, size_t len) {
-    wanted_ += len;
+    wanted_ = len < SIZE_MAX - wanted_ ? wanted_ + len : SIZE_MAX;
     const size_t fitting = len < left_ ? len : left_;
     memcpy(at_, text, fitting);
     at_ += fitting;
     left_ -= fitting;
   }
 
-  void addByte(char byte) {
+  void add_byte(char byte) {
     ++wanted_;
     if (left_ == 0) return;
     *at_++ = byte;
@@ -36,20 +37,20 @@ class LineText {
   }
 
   // Short texts byte by byte, as they are mostly not worth two calls.
-  void addString(const char* text) {
+  void add_string(const char* text) {
     constexpr int kShort = 32;
     for (int i = 0; i < kShort; ++i) {
       if (*text == '\0') return;
-      addByte(*text++);
+      add_byte(*text++);
     }
     add(text, strlen(text));
   }
 
   template <typename Integer>
-  void addNumber(Integer number, int radix) {
+  void add_number(Integer number, int radix) {
     char digits[21];  // a 64-bit number in decimal, with its sign
     const char* const end = std::to_chars(digits, digits + sizeof digits, number, radix).ptr;
-    for (const char* digit = digits; digit != end; ++digit) addByte(*digit);
+    for (const char* digit = digits; digit != end; ++digit) add_byte(*digit);
   }
 
   // Ends the text. Returns: vsnprintf's result.
@@ -68,18 +69,18 @@ class LineText {
 // Returns: false for any other conversion.
 inline bool add_integer(LineText* text, char conversion, char length, va_list* ap) {
   if (conversion == 'd' || conversion == 'i') {
-    if (length == 0) text->addNumber(va_arg(*ap, int), 10);
-    if (length == 'l') text->addNumber(va_arg(*ap, long), 10);
-    if (length == 'z') text->addNumber(va_arg(*ap, ssize_t), 10);
-    if (length == 'L') text->addNumber(va_arg(*ap, long long), 10);
+    if (length == 0) text->add_number(va_arg(*ap, int), 10);
+    if (length == 'l') text->add_number(va_arg(*ap, long), 10);
+    if (length == 'z') text->add_number(va_arg(*ap, ssize_t), 10);
+    if (length == 'L') text->add_number(va_arg(*ap, long long), 10);
     return true;
   }
   if (conversion == 'u' || conversion == 'x') {
     const int radix = conversion == 'u' ? 10 : 16;
-    if (length == 0) text->addNumber(va_arg(*ap, unsigned), radix);
-    if (length == 'l') text->addNumber(va_arg(*ap, unsigned long), radix);
-    if (length == 'z') text->addNumber(va_arg(*ap, size_t), radix);
-    if (length == 'L') text->addNumber(va_arg(*ap, unsigned long long), radix);
+    if (length == 0) text->add_number(va_arg(*ap, unsigned), radix);
+    if (length == 'l') text->add_number(va_arg(*ap, unsigned long), radix);
+    if (length == 'z') text->add_number(va_arg(*ap, size_t), radix);
+    if (length == 'L') text->add_number(va_arg(*ap, unsigned long long), radix);
     return true;
   }
   return false;
@@ -92,7 +93,7 @@ inline int format_plain(char* to, size_t room, const char* fmt, va_list* ap) {
     // Byte by byte: what stands between two conversions is mostly shorter than a call is worth.
     while (*fmt != '%') {
       if (*fmt == '\0') return text.finish();
-      text.addByte(*fmt++);
+      text.add_byte(*fmt++);
     }
     ++fmt;
     char length = 0;
@@ -111,11 +112,11 @@ inline int format_plain(char* to, size_t room, const char* fmt, va_list* ap) {
     if (conversion == 's') {
       const char* const string = va_arg(*ap, const char*);
       if (string == nullptr) return kNotPlain;
-      text.addString(string);
+      text.add_string(string);
     } else if (conversion == 'c') {
-      text.addByte(static_cast<char>(va_arg(*ap, int)));
+      text.add_byte(static_cast<char>(va_arg(*ap, int)));
     } else if (conversion == '%') {
-      text.addByte('%');
+      text.add_byte('%');
     } else {
       return kNotPlain;
     }
