@@ -29,6 +29,11 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()
 
+# A shared library names all libraries that it needs. Not for fuzzing: clang leaves a shared library's
+# sanitizer symbols to the program.
+add_library(velorin_shared_flags INTERFACE)
+target_link_options(velorin_shared_flags INTERFACE $<$<NOT:$<BOOL:${VELORIN_FUZZ}>>:-Wl,-z,defs>)
+
 # velorin_program(NAME SOURCE...): a program of this project, linked with the shared library.
 function(velorin_program name)
   add_executable(${name} ${ARGN})

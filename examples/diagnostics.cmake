@@ -1,1 +1,2 @@
 velorin_program(example_log_lines log_lines.c)
+velorin_program(example_report_failures report_failures.cc)

@@ -1,1 +1,2 @@
-velorin_test(examples_test LABEL diagnostics DEPENDS example_log_lines)
+velorin_test(examples_test LABEL diagnostics DEPENDS
+  example_log_lines example_report_failures)

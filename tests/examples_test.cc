@@ -54,4 +54,22 @@ TEST_F(examplesTest, LogLinesWithoutADaemonWritesToStandardError) {
   EXPECT_THAT(child.err, HasSubstr(")ERRO:log_lines.c:"));
 }
 
+TEST_F(examplesTest, ReportFailuresLogsWhatItCatches) {
+  LogListener superuser("/tmp/ad_errorlog.0");
+  write("/tmp/ad_errorlog.0.cfg", "debug_level=2\n");
+  const ChildResult child = run("example_report_failures");
+  EXPECT_EQ(child.exitCode(), 0) << child;
+  EXPECT_EQ(child.out, "running with the defaults\n");
+  const std::string prefix = "example_report_failures\\([0-9]+\\)";
+  EXPECT_THAT(
+      superuser.waiting(),
+      ElementsAre(MatchesRegex(prefix + "TRCE:logger.cc:[0-9]+-> reading the configuration\n"),
+                  MatchesRegex(prefix + "ERRO:Logger:[0-9]+-> Caught an exception at "
+                                        "\"report_failures.cc\" line [0-9]+: 21 "
+                                        "\"/nonexistent/conf: No such file or directory\""),
+                  MatchesRegex(prefix + "ERRO:Logger:[0-9]+-> Caught an exception at "
+                                        "\"report_failures.cc\" line [0-9]+"),
+                  MatchesRegex(prefix + "ERRO:Logger:[0-9]+-> going on with the defaults\n")));
+}
+
 }  // namespace

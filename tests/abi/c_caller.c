@@ -128,6 +128,11 @@ static void allocate(void) {
   free(memory);
 }
 
+static void dump(void) {
+  AD_DUMP(9, "", 0, "above every level");
+  ad_debug_print_pkt_impl(9, "DETL", "", 0, __FILE__, __LINE__, "above every level");
+}
+
 static void give_up_the_record(void) {
   ad_read_debug_cfg_direct_read_from_env();
   EXPECT(ad_debug_cfg_p == &ad_debug_cfg_no_share_mem);
@@ -141,6 +146,7 @@ static int run(const char* stage, const char* daemon, const char* special) {
     share_the_record(socket);
     change_the_settings(socket);
     allocate();
+    dump();
     give_up_the_record();
     return 0;
   }

@@ -17,6 +17,7 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 
 #include "internal/log_datagram.h"
@@ -38,6 +39,7 @@ char ad_debug_process_name[256] = "";
 
 namespace {
 
+using velorin::internal::deliver;
 using velorin::internal::ErrnoKeeper;
 using velorin::internal::format_line;
 using velorin::internal::format_text;
@@ -46,7 +48,6 @@ using velorin::internal::kDatagramTrailer;
 using velorin::internal::kTextMax;
 using velorin::internal::LogSender;
 using velorin::internal::open_sender;
-using velorin::internal::send_text;
 using velorin::internal::write_stderr;
 using velorin::internal::write_stderr_line;
 
@@ -88,9 +89,17 @@ using InfoHandler = void (*)(int, siginfo_t*, void*);
 Handler previous_handler = nullptr;
 InfoHandler previous_info_handler = nullptr;
 
-LogSender sender = {"WARNING: ad_logd is NOT enabled, no error will be logged in this session.\n"};
 constexpr char kUnreachable[] =
     "WARNING: cannot contact ad_logd, will keep trying. Output redirected to stderr.\n";
+
+// The text goes to standard error; a warning says when this begins.
+void show_unsent(bool first, const char* text, size_t len) {
+  if (first && load(ad_debug_in_sighandler) == 0) write_stderr(kUnreachable, strlen(kUnreachable));
+  write_stderr_line(text, len, /*end_line=*/text[len - 1] != '\n');
+}
+
+LogSender sender = {"WARNING: ad_logd is NOT enabled, no error will be logged in this session.\n",
+                    show_unsent};
 
 // ---- Configuration ----
 
@@ -194,19 +203,6 @@ void parse_settings(const char* text, int32_t* level, uint32_t* cip, uint32_t* s
 
 // ---- The log ----
 
-void send_or_show(const sockaddr_un& to, char* text, size_t len) {
-  if (send_text(&sender, to, text, len)) {
-    if (load(sender.logd_enabled) != 1) store(&sender.logd_enabled, 1);
-    return;
-  }
-  if (load(sender.logd_enabled) != 0 &&
-      __atomic_exchange_n(&sender.logd_enabled, 0, __ATOMIC_RELAXED) != 0 &&
-      load(ad_debug_in_sighandler) == 0) {
-    write_stderr(kUnreachable, strlen(kUnreachable));
-  }
-  write_stderr_line(text, len, /*end_line=*/text[len - 1] != '\n');
-}
-
 void ad_write_to_logd(const sockaddr_un& to, const char* fmt, va_list ap)
     __attribute__((format(printf, 2, 0)));
 
@@ -215,7 +211,7 @@ void ad_write_to_logd(const sockaddr_un& to, const char* fmt, va_list ap) {
   if (!open_sender(&sender)) return;
   char text[kDatagramRoom];
   const size_t len = format_text(text, fmt, ap);
-  if (len > 0) send_or_show(to, text, len);
+  if (len > 0) deliver(&sender, to, text, len);
 }
 
 // The text of one statement, made once for all of its copies: the daemon's begins with the process
@@ -282,16 +278,16 @@ StatementText::StatementText(ad_debug_tag_t tag, const char* file, int line, con
 
 void StatementText::send_named() {
   const size_t len = static_cast<size_t>(unnamed_ - text_) + unnamed_len_;
-  if (len <= kTextMax) return send_or_show(sunx_errorlog, text_, len);
+  if (len <= kTextMax) return deliver(&sender, sunx_errorlog, text_, len);
   // The name pushes the text over the limit. The trailer goes over text that the other copies show.
   char covered[kDatagramTrailer];
   memcpy(covered, text_ + kTextMax, sizeof covered);
-  send_or_show(sunx_errorlog, text_, kTextMax);
+  deliver(&sender, sunx_errorlog, text_, kTextMax);
   memcpy(text_ + kTextMax, covered, sizeof covered);
 }
 
 void StatementText::send_unnamed() {
-  send_or_show(sunx_errorsp, unnamed_, unnamed_len_);
+  deliver(&sender, sunx_errorsp, unnamed_, unnamed_len_);
 }
 
 void StatementText::show_unnamed(bool end_line) const {
@@ -317,6 +313,98 @@ void write_logs(StatementText* text, const ad_debug_cfg_t* cfg, const char* fmt)
   const bool special = load(cfg->ad_debug_level) == kSpecialLevel;
   if (open_sender(&sender)) text->send_named();
   if (special && open_sender(&sender)) text->send_unnamed();
+}
+
+// ---- The packet dump ----
+
+constexpr size_t kDumpWidth = 16;       // bytes a line
+constexpr size_t kDumpGap = 8;          // of them, before the double blank
+constexpr int kHighestDaemonLevel = 3;  // of a dump that the daemon gets
+constexpr int kHighestSyslogLevel = 1;  // of a dump that syslog gets
+
+// "0x00" to "0xff": a byte costs one copy and no conversion.
+struct ByteTexts {
+  char text[256][4];
+};
+
+constexpr ByteTexts make_byte_texts() {
+  ByteTexts texts = {};
+  constexpr char kDigits[] = "0123456789abcdef";
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    texts.text[byte][0] = '0';
+    texts.text[byte][1] = 'x';
+    texts.text[byte][2] = kDigits[byte >> 4];
+    texts.text[byte][3] = kDigits[byte & 15];
+  }
+  return texts;
+}
+
+constexpr ByteTexts kByteTexts = make_byte_texts();
+
+// Where the lines of one dump go.
+struct DumpRoute {
+  bool syslog;
+  bool daemon;
+  bool special;
+};
+
+DumpRoute dump_route(int level, const ad_debug_cfg_t* cfg) {
+  const int32_t configured = load(cfg->ad_debug_level);
+  DumpRoute route;
+  route.syslog = level <= kHighestSyslogLevel && load(ad_debug_in_sighandler) == 0 &&
+                 load(ad_debug_to_syslogd) != 0 &&
+                 (level != 1 || (configured >= 1 && load(ad_debug_syslog_critical_msg_only) == 0));
+  route.daemon = level <= kHighestDaemonLevel;
+  route.special = configured == kSpecialLevel;
+  return route;
+}
+
+// `text` ends in a zero; there is room for the datagram's trailer behind it.
+void write_dump_line(const DumpRoute& route, char* text, size_t len) {
+  if (len == 0) return;
+  if (route.syslog) {
+    (void)ku_syslog(kSyslogDebug, load(ad_debug_module_id), kSyslogZero, kLineMessageId, "%s",
+                    text);
+  }
+  if (route.daemon && open_sender(&sender)) deliver(&sender, sunx_errorlog, text, len);
+  if (route.special && open_sender(&sender)) deliver(&sender, sunx_errorsp, text, len);
+}
+
+// The text of a data line behind the line's prefix: the offset, at least three digits, and `count`
+// bytes, at most kDumpWidth.
+class DumpedBytes {
+ public:
+  DumpedBytes(size_t offset, const unsigned char* bytes, size_t count) {
+    char* at = put(text_, "0x", 2);
+    if (offset < 0x100) at = put(at, offset < 0x10 ? "00" : "0", offset < 0x10 ? 2 : 1);
+    at = std::to_chars(at, at + 8, offset, 16).ptr;
+    at = put(at, ": ", 2);
+    for (size_t i = 0; i < count; ++i) {
+      if (i > 0) *at++ = ',';
+      if (i == kDumpGap) at = put(at, "  ", 2);
+      at = put(at, kByteTexts.text[bytes[i]], 4);
+    }
+    *at++ = '\n';
+    len_ = static_cast<size_t>(at - text_);
+  }
+
+  const char* text() const { return text_; }
+  size_t len() const { return len_; }
+
+ private:
+  char text_[2 + 8 + 2 + kDumpWidth * 5 + 2];
+  size_t len_;
+};
+
+// Formats into `text`, at most kTextMax bytes. Returns: the text's length.
+size_t print_text(char* text, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+size_t print_text(char* text, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  const size_t len = format_text(text, fmt, ap);
+  va_end(ap);
+  return len;
 }
 
 void write_uncopied_error(int line, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -583,12 +671,58 @@ void ad_debug_fatal(int exit_code, uint32_t message_id, const char* file, int li
   va_end(plain);
   va_end(ap);
 
-  char record[kDatagramRoom];
+  // The record is not bound to a datagram's size.
+  char room[kDatagramRoom];
+  const char* record = room;
   va_start(ap, fmt);
-  if (format_text(record, fmt, ap) == 0) record[0] = '\0';
+  const int len = vsnprintf(room, sizeof room, fmt, ap);
   va_end(ap);
+  if (len < 0) room[0] = '\0';
+  if (len >= static_cast<int>(sizeof room)) {
+    const size_t whole = static_cast<size_t>(len) + 1;
+    if (char* const larger = static_cast<char*>(malloc(whole))) {
+      va_start(ap, fmt);
+      (void)vsnprintf(larger, whole, fmt, ap);
+      va_end(ap);
+      record = larger;
+    }
+  }
 
   if (text.good() && ad_debug_wanted(INT32_MIN)) write_logs(&text, load(ad_debug_cfg_p), fmt);
   (void)ku_syslog(kSyslogCritical, load(ad_debug_module_id), kSyslogZero, message_id, "%s", record);
   exit(exit_code);
+}
+
+// Flat for the same reason as ad_debug_statement.
+__attribute__((flatten)) void ad_debug_print_pkt_impl(int level, const char* level_str,
+                                                      const void* buf, int len, const char* file,
+                                                      int line, const char* description) {
+  // Kept: unlike a statement, a dump does not read the environment on first use.
+  const ad_debug_cfg_t* const cfg = load(ad_debug_cfg_p);
+  if (cfg == nullptr || !ad_debug_dump_asked(cfg, level)) return;
+  const ErrnoKeeper keeper;
+  const DumpRoute route = dump_route(level, cfg);
+  const int pid = getpid();
+  if (file == nullptr) file = "(null)";
+  const char* const slash = strrchr(file, '/');
+
+  // Kept: no process name in front; the daemon gets the same text as syslog.
+  char text[kDatagramRoom];
+  size_t text_len = print_text(text, "(%d)%s:%s:%d-> DUMP length = 0x%x (%s)\n", pid, level_str,
+                               slash != nullptr ? slash + 1 : file, line,
+                               static_cast<unsigned>(len), description);
+  write_dump_line(route, text, text_len);
+
+  const size_t prefix = print_text(text, "(%d)%s: ", pid, level_str);
+  if (prefix == 0) return;
+  const auto* const bytes = static_cast<const unsigned char*>(buf);
+  const size_t count = len > 0 ? static_cast<size_t>(len) : 0;
+  for (size_t offset = 0; offset < count; offset += kDumpWidth) {
+    const DumpedBytes dumped(offset, bytes + offset, std::min(count - offset, kDumpWidth));
+    const size_t fitting = std::min(dumped.len(), kTextMax - prefix);
+    memcpy(text + prefix, dumped.text(), fitting);
+    text_len = prefix + fitting;
+    text[text_len] = '\0';
+    write_dump_line(route, text, text_len);
+  }
 }

@@ -48,6 +48,9 @@ constexpr int kGivenUp = -2;  // it could not be made
 // that it works before constructors run; all threads and signal handlers share it without a lock.
 struct LogSender {
   const char* no_socket_warning;  // printed once, when no socket can be made
+  // What becomes of a text that could not be sent, errno telling why; `first`: the send before
+  // worked, or there was none. Only deliver calls it.
+  void (*on_failure)(bool first, const char* text, size_t len) = nullptr;
   int fd = kNotMade;      // released by the thread that made it, acquired by those that send
   int logd_enabled = -1;  // -1: nothing sent yet; 1: the last send worked; 0: it did not
 };
@@ -140,6 +143,17 @@ inline bool send_text(LogSender* sender, const sockaddr_un& to, char* text, size
                   reinterpret_cast<const sockaddr*>(&to), sizeof to);
   } while (sent < 0 && errno == EINTR);
   return sent >= 0;
+}
+
+// Sends the `len` bytes at `text`, or leaves them to the sender's on_failure. Room: as send_text.
+inline void deliver(LogSender* sender, const sockaddr_un& to, char* text, size_t len) {
+  if (send_text(sender, to, text, len)) {
+    if (__atomic_load_n(&sender->logd_enabled, __ATOMIC_RELAXED) != 1)
+      __atomic_store_n(&sender->logd_enabled, 1, __ATOMIC_RELAXED);
+    return;
+  }
+  const bool first = __atomic_exchange_n(&sender->logd_enabled, 0, __ATOMIC_RELAXED) != 0;
+  sender->on_failure(first, text, len);
 }
 
 }  // namespace velorin::internal
