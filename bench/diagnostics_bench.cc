@@ -11,6 +11,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
@@ -19,11 +20,13 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "bench.h"
+#include "velorin/Exception"
 #include "velorin/ad_debug"
 
 // Visible outside, as the words are that a program's statements test.
@@ -57,6 +60,8 @@ void enterPrivateWorld() {
   put("/proc/self/uid_map", user);
   put("/proc/self/gid_map", group);
   check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
+  // A dump of 1500 bytes is 95 lines, more than a queue of the kernel's default length holds.
+  put("/proc/sys/net/unix/max_dgram_qlen", "512");
   for (const char* dir : {"/tmp", "/run", "/dev"})
     check(mount("tmpfs", dir, "tmpfs", MS_NOSUID | MS_NODEV, nullptr) == 0, dir);
   for (const char* dir : {"/run/systemd", "/run/systemd/journal"})
@@ -370,6 +375,129 @@ void emittedContests(bench::Contests& contests, Listener& daemon) {
   }
 }
 
+// ---- Packet dumps ----
+
+constexpr int kDumpWidth = 16;
+constexpr char kDumped[] = "packet";
+
+// The dump's texts by a formatting call for each value.
+template <class Append>
+Datagrams dumpTexts(const std::vector<unsigned char>& bytes, int line, Append append) {
+  const std::string who = "(" + std::to_string(getpid()) + ")DETL";
+  Datagrams texts = {who + ":diagnostics_bench.cc:" + std::to_string(line) + "-> DUMP length = 0x"};
+  append(&texts[0], "%zx", bytes.size());
+  texts[0] += std::string(" (") + kDumped + ")\n";
+  for (size_t offset = 0; offset < bytes.size(); offset += kDumpWidth) {
+    std::string text = who + ": 0x";
+    append(&text, "%03zx", offset);
+    text += ": ";
+    const size_t end = std::min(bytes.size(), offset + kDumpWidth);
+    for (size_t i = offset; i < end; ++i) {
+      if (i > offset) text += i - offset == 8 ? ",  " : ",";
+      append(&text, "0x%02zx", size_t{bytes[i]});
+    }
+    texts.push_back(text + "\n");
+  }
+  return texts;
+}
+
+void appendSnprintf(std::string* text, const char* format, size_t value) {
+  char room[24];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  text->append(room, static_cast<size_t>(snprintf(room, sizeof room, format, value)));
+#pragma GCC diagnostic pop
+}
+
+// The same three formats in fmt's own language.
+void appendFmt(std::string* text, const char* format, size_t value) {
+  const auto to = std::back_inserter(*text);
+  if (format[0] == '0')
+    fmt::format_to(to, "0x{:02x}", value);
+  else if (format[1] == '0')
+    fmt::format_to(to, "{:03x}", value);
+  else
+    fmt::format_to(to, "{:x}", value);
+}
+
+void sendTexts(const Listener& daemon, const Datagrams& texts) {
+  for (const std::string& text : texts) {
+    timeval now;
+    (void)gettimeofday(&now, nullptr);
+    const uint32_t stamp[] = {static_cast<uint32_t>(now.tv_sec),
+                              static_cast<uint32_t>(now.tv_usec)};
+    std::string datagram = text + '\0';
+    datagram.append(reinterpret_cast<const char*>(stamp), sizeof stamp);
+    daemon.send(datagram.data(), datagram.size());
+  }
+}
+
+void dumpContests(bench::Contests& contests, Listener& daemon) {
+  ad_debug_set_debug_level_directly(3);
+  daemon.drain();
+  const struct {
+    size_t size;
+    bench::Limit limit;
+  } rows[] = {{16, {1.2, 1.2}}, {1500, {1.08, 1.10}}};
+  for (const auto& row : rows) {
+    std::vector<unsigned char> bytes(row.size);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 37);
+    const auto ours = [&] { AD_DUMP(3, bytes.data(), static_cast<int>(bytes.size()), kDumped); };
+    const int line = __LINE__ - 1;
+    const Datagrams sent = sentBy(ours, daemon);
+
+    const struct {
+      std::string name;
+      bench::Limit limit;
+      std::function<void()> send;
+    } peers[] = {
+        {std::to_string(sent.size()) + " bare sendto", row.limit,
+         [&] {
+           for (const std::string& datagram : sent) daemon.send(datagram.data(), datagram.size());
+         }},
+        {"snprintf a value", kAhead,
+         [&] { sendTexts(daemon, dumpTexts(bytes, line, appendSnprintf)); }},
+        {"fmt a value", kAhead, [&] { sendTexts(daemon, dumpTexts(bytes, line, appendFmt)); }},
+    };
+    for (const auto& peer : peers) {
+      const auto agree = [&] {
+        const Datagrams theirs = sentBy(peer.send, daemon);
+        return theirs.size() == sent.size() &&
+               std::equal(sent.begin(), sent.end(), theirs.begin(),
+                          [](const std::string& a, const std::string& b) {
+                            return a.size() == b.size() && a.compare(0, a.size() - kTimeLen, b, 0,
+                                                                     b.size() - kTimeLen) == 0;
+                          });
+      };
+      contests.run({"AD_DUMP/" + std::to_string(row.size) + " bytes", peer.name, peer.limit, 1,
+                    agree, ours, peer.send, [&] { daemon.drain(); }});
+    }
+  }
+}
+
+// ---- Reports of exceptions: one line each ----
+
+void reportContests(bench::Contests& contests, Listener& daemon) {
+  const Exception failure(7, "disk full");
+  const auto ours = [&] { failure.caught("store.cc", 12); };
+  const auto peer = [] {
+    AD_ERRO("%s", "Caught an exception at \"store.cc\" line 12: 7 \"disk full\"");
+  };
+  const auto agree = [&] {
+    const auto text = [](const std::string& datagram) {
+      return datagram.substr(datagram.find("-> "),
+                             datagram.size() - datagram.find("-> ") - kTimeLen);
+    };
+    const Datagrams our_lines = sentBy(ours, daemon);
+    const Datagrams peer_lines = sentBy(peer, daemon);
+    return our_lines.size() == 1 && peer_lines.size() == 1 &&
+           text(our_lines[0]) == text(peer_lines[0]);
+  };
+  contests.run({"Exception::caught", "AD_ERRO of its text", {}, 1, agree, ours, peer, [&] {
+                  daemon.drain();
+                }});
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -386,5 +514,7 @@ int main(int argc, char** argv) {
   bench::Contests contests(argc, argv);
   suppressedContests(contests, daemon);
   emittedContests(contests, daemon);
+  dumpContests(contests, daemon);
+  reportContests(contests, daemon);
   return contests.finish();
 }

@@ -680,6 +680,12 @@ TEST_F(tcp_proxyTest, LevelThreeShowsEveryChunk) {
   EXPECT_EQ(server.receive(5), "12345");
   EXPECT_THAT(log().nextLine(),
               MatchesRegex(proxy.line("DETL", "connection", pair + ": 5 bytes from client")));
+  // The first bytes of the client are dumped, by lines without the process name.
+  EXPECT_THAT(log().nextLine(),
+              MatchesRegex("\\([0-9]+\\)DETL:connection.cc:[0-9]+-> DUMP length = "
+                           "0x5 \\(" +
+                           pair + "\\)"));
+  EXPECT_THAT(log().nextLine(), EndsWith(")DETL: 0x000: 0x31,0x32,0x33,0x34,0x35"));
   server.send("1234567");
   EXPECT_EQ(client.receive(7), "1234567");
   EXPECT_THAT(log().nextLine(),
@@ -731,6 +737,9 @@ TEST_F(tcp_proxyTest, InterleavedConnectionsAreFilteredEachByItsOwnAddress) {
     EXPECT_EQ(shown_server.receive(5), "shown");
     EXPECT_THAT(log().nextLine(),
                 AllOf(HasSubstr("-> 127.0.0.3:"), EndsWith("5 bytes from client")));
+    if (i > 0) continue;
+    EXPECT_THAT(log().nextLine(), HasSubstr("DUMP length = 0x5 (127.0.0.3:"));
+    EXPECT_THAT(log().nextLine(), HasSubstr("0x73,0x68,0x6f,0x77,0x6e"));
   }
   EXPECT_EQ(log().waiting().size(), 0U);
   record().debug_target_client_ip = 0;
@@ -863,7 +872,7 @@ TEST_F(tcp_proxyTest, AddressInUseIsReportedAndExitsWithOne) {
   EXPECT_EQ(result.exitCode(), 1) << result;
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "tcp_proxy: " + address + ": bind: Address already in use\n");
-  EXPECT_THAT(log().nextLine(), EndsWith(address + ": bind: Address already in use"));
+  EXPECT_THAT(log().nextLine(), EndsWith(": 0 \"" + address + ": bind: Address already in use\""));
 }
 
 TEST_F(tcp_proxyTest, OutputThatCannotBeWrittenExitsWithOne) {

@@ -6,12 +6,16 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "address.h"
 #include "velorin/ad_debug"
 
 namespace {
+
+constexpr int kDumpLevel = 3;
+constexpr size_t kDumped = 64;  // bytes of a connection's first chunk
 
 // While it lives, the log's connection filter applies to this client and server.
 class Serving {
@@ -120,11 +124,20 @@ void Connection::pump(Side* from, Side* to) {
   if (from->input.wantsInput()) {
     const int err = from->input.take(from->fd.get());
     if (err != 0) return fail(*from, err);
-    if (from->input.held() != 0)
-      AD_DETL("%s: %zu bytes from %s\n", route().c_str(), from->input.held(), from->name);
+    logChunk(*from);
   }
   const int err = from->input.passOn(to->fd.get());
   if (err != 0) fail(*to, err);
+}
+
+// The first bytes of a connection, those of its client, are dumped: they tell what it is about.
+void Connection::logChunk(const Side& from) const {
+  const Relay& input = from.input;
+  if (input.held() == 0) return;
+  AD_DETL("%s: %zu bytes from %s\n", route().c_str(), input.held(), from.name);
+  if (&from == &client_ && input.passedOn() == 0)
+    AD_DUMP(kDumpLevel, input.chunk(), static_cast<int>(std::min(input.held(), kDumped)),
+            route().c_str());
 }
 
 // Names the connection in the log.

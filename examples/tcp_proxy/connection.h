@@ -48,6 +48,7 @@ class Connection {
   void pump(Side* from, Side* to);
   void settle();
   uint32_t interestIn(const Side& side, const Side& other) const;
+  void logChunk(const Side& from) const;
   std::string route() const;
   void fail(const Side& side, int err);
   void end(const std::string& reason);

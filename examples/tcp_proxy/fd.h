@@ -2,10 +2,12 @@
 #ifndef TCP_PROXY_fd_
 #define TCP_PROXY_fd_
 
-#include <errno.h>
 #include <unistd.h>
 
-#include <system_error>
+#include <string>
+
+#include "velorin/Exception"
+#include "velorin/SystemError"
 
 class Fd {
  public:
@@ -36,16 +38,21 @@ class Fd {
   int fd_ = -1;
 };
 
-// The descriptor that a system call has just returned. Throws std::system_error, with the name of
-// the call, when it failed.
+// Throws an Exception for the system call that has just failed.
+[[noreturn]] inline void throwFailed(const char* call) {
+  const std::string reason = SystemError();
+  throw Exception(std::string(call) + ": " + reason);
+}
+
+// The descriptor that a system call has just returned; throws when it failed.
 inline Fd opened(int fd, const char* call) {
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), call);
+  if (fd < 0) throwFailed(call);
   return Fd(fd);
 }
 
 // The same for a call that opens nothing.
 inline void succeeded(int result, const char* call) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), call);
+  if (result < 0) throwFailed(call);
 }
 
 #endif  // TCP_PROXY_fd_

@@ -40,7 +40,7 @@ Fd stopSignals() {
 // The proxy's own watches, without which it cannot go on.
 void mustWant(Watch* watch, uint32_t events) {
   const int err = watch->want(events);
-  if (err != 0) throw std::system_error(err, std::generic_category(), "epoll_ctl");
+  if (err != 0) throw Exception(std::string("epoll_ctl: ") + strerror(err));
 }
 
 }  // namespace

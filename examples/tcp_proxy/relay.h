@@ -24,7 +24,8 @@ class Relay {
   // Returns: as above.
   int passOn(int to);
 
-  // The size of the chunk that is held.
+  // The chunk that is held, and its size.
+  const char* chunk() const { return chunk_ + begin_; }
   size_t held() const { return end_ - begin_; }
 
  private:

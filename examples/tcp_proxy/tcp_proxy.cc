@@ -11,6 +11,7 @@
 #include "address.h"
 #include "options.h"
 #include "proxy.h"
+#include "velorin/Exception"
 #include "velorin/ad_debug"
 
 namespace {
@@ -63,6 +64,11 @@ int main(int argc, char** argv) {
   initialiseLog(options->name);
   try {
     return serve(*options);
+  } catch (const Exception& e) {
+    const Exception failure(e.id(), addressText(options->listen) + ": " + e.details());
+    failure.caught(__FILE_NAME__, __LINE__);
+    fprintf(stderr, "tcp_proxy: %s\n", failure.details().c_str());
+    return kExitFailure;
   } catch (const std::exception& e) {
     AD_ERRO("%s: %s\n", addressText(options->listen).c_str(), e.what());
     fprintf(stderr, "tcp_proxy: %s: %s\n", addressText(options->listen).c_str(), e.what());
