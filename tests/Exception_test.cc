@@ -16,6 +16,7 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -141,6 +142,26 @@ TEST_F(ExceptionReportTest, CaughtAtLevelOneIsCopiedToSyslogUnlessCriticalOnly) 
 
   ad_debug_syslog_critical_msg_only = 1;
   Exception(1, "x").caught("a.cc", 1);
+  EXPECT_THAT(takeSyslogCalls(), IsEmpty());
+  EXPECT_EQ(daemon().waiting().size(), 2u);
+}
+
+TEST_F(ExceptionReportTest, ReportsAtLevelFourGoToTheSpecialLogToo) {
+  LogListener special("/tmp/ad_errorlog_sp");
+  configure(4);
+  Exception(1, "x").caught("a.cc", 1);
+  Exception_caught("a.cc", 2);
+  EXPECT_EQ(daemon().waiting().size(), 2u);
+  EXPECT_THAT(special.waiting(),
+              ElementsAre(EndsWith("Caught an exception at \"a.cc\" line 1: 1 \"x\""),
+                          EndsWith("Caught an exception at \"a.cc\" line 2")));
+}
+
+TEST_F(ExceptionReportTest, ReportsInSignalHandlersAreNotCopiedToSyslog) {
+  configure(1);
+  ad_debug_in_sighandler = 1;
+  Exception(1, "x").caught("a.cc", 1);
+  Exception_caught("a.cc", 1);
   EXPECT_THAT(takeSyslogCalls(), IsEmpty());
   EXPECT_EQ(daemon().waiting().size(), 2u);
 }
