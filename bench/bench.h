@@ -2,13 +2,19 @@
 #ifndef VELORIN_BENCH_bench_
 #define VELORIN_BENCH_bench_
 
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace bench {
@@ -32,6 +38,8 @@ struct Contest {
   std::function<void()> ours;
   std::function<void()> peer;
   std::function<void()> settle = nullptr;  // run before each timed call, outside the clock
+  // Whether the timed call was preempted and is not to count; asked after each.
+  std::function<bool()> disturbed = nullptr;
 };
 
 // Makes the compiler believe that `value` is read, so that it has to be computed.
@@ -59,6 +67,7 @@ class Contests {
  private:
   static constexpr size_t kRuns = 9;
   static constexpr double kRunNs = 20e6;  // of each side
+  static constexpr double kWallNs = 1e9;  // where others take the processors away: then it ends
 
   static double timed(const Contest& contest, const std::function<void()>& side);
 
@@ -104,9 +113,15 @@ inline void Contests::run(const Contest& contest) {
   std::vector<double> ratios, ours_ns, peer_ns;
   for (size_t i = 0; i < kRuns; ++i) {
     std::vector<double> ours, peer;
-    for (size_t turn = 0; turn < turns; ++turn) {
-      ours.push_back(timed(contest, contest.ours));
-      peer.push_back(timed(contest, contest.peer));
+    const double end = now_ns() + kWallNs;
+    for (size_t turn = 0; ours.empty() || (turn < turns && now_ns() < end); ++turn) {
+      const double our_time = timed(contest, contest.ours);
+      bool counts = !contest.disturbed || !contest.disturbed();
+      const double peer_time = timed(contest, contest.peer);
+      counts = counts && (!contest.disturbed || !contest.disturbed());
+      if (!counts && now_ns() < end + kWallNs) continue;  // where there is no peace it has to do
+      ours.push_back(our_time);
+      peer.push_back(peer_time);
     }
     ours_ns.push_back(median(ours) / operations);
     peer_ns.push_back(median(peer) / operations);
@@ -135,6 +150,104 @@ inline int Contests::finish() const {
   printf(" (%s)\n", sizeof(void*) == 8 ? "x86-64" : "x86");
   return run_ == 0 || differing_ > 0;
 }
+
+// A second thread beside the one that makes this object, for contests whose sides are run by both
+// at once. While it exists each is bound to a processor of its own, if there are two.
+class TwoThreads {
+ public:
+  TwoThreads() {
+    (void)sem_init(&go_, /*pshared=*/0, 0);
+    (void)sched_getaffinity(0, sizeof before_, &before_);
+    second_ = std::thread([this] { serve(); });
+    std::vector<int> processors;
+    for (int i = 0; i < CPU_SETSIZE && processors.size() < 2; ++i)
+      if (CPU_ISSET(i, &before_)) processors.push_back(i);
+    if (processors.size() < 2) {
+      printf("one processor: two threads take turns on it\n");
+      return;
+    }
+    bind(pthread_self(), processors[0]);
+    bind(second_.native_handle(), processors[1]);
+  }
+
+  ~TwoThreads() {
+    ready();
+    run(nullptr);
+    second_.join();
+    (void)pthread_setaffinity_np(pthread_self(), sizeof before_, &before_);
+    (void)sem_destroy(&go_);
+  }
+
+  TwoThreads(const TwoThreads&) = delete;
+  TwoThreads& operator=(const TwoThreads&) = delete;
+
+  // Wakes the second thread, so that `run` starts it at once: for a contest's `settle`.
+  void ready() {
+    (void)sem_post(&go_);
+    await(kReady);
+  }
+
+  // Calls `function` on both threads at once and returns when both calls have. Null ends the second
+  // thread.
+  void run(void (*function)()) {
+    function_ = function;
+    const long before = preemptions();
+    state_.store(kRunning, std::memory_order_release);
+    if (function != nullptr) function();
+    spin(kIdle);
+    first_preempted_ = preemptions() != before;
+  }
+
+  // Whether a thread was preempted from `ready` on: then the time says more of others than of the
+  // function.
+  bool disturbed() const { return first_preempted_ || second_preempted_; }
+
+ private:
+  enum State { kIdle, kReady, kRunning };
+
+  static void bind(pthread_t thread, int processor) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processor, &one);
+    (void)pthread_setaffinity_np(thread, sizeof one, &one);
+  }
+
+  static long preemptions() {
+    rusage usage;
+    (void)getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nivcsw;
+  }
+
+  void await(State wanted) const {
+    while (state_.load(std::memory_order_acquire) != wanted) (void)sched_yield();
+  }
+
+  // As long as the clock runs: nobody else gets the processor.
+  void spin(State wanted) const {
+    while (state_.load(std::memory_order_acquire) != wanted) continue;
+  }
+
+  void serve() {
+    for (bool more = true; more;) {
+      while (sem_wait(&go_) != 0) continue;
+      const long before = preemptions();
+      state_.store(kReady, std::memory_order_release);
+      spin(kRunning);
+      more = function_ != nullptr;
+      if (more) function_();
+      second_preempted_ = preemptions() != before;
+      state_.store(kIdle, std::memory_order_release);
+    }
+  }
+
+  sem_t go_;
+  cpu_set_t before_;
+  std::atomic<State> state_ = kIdle;
+  void (*function_)() = nullptr;
+  bool first_preempted_ = false;
+  bool second_preempted_ = false;
+  std::thread second_;
+};
 
 }  // namespace bench
 

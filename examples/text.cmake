@@ -1,1 +1,3 @@
 velorin_program(example_text_numbers text_numbers.cc)
+velorin_program(example_text_readable text_readable.cc)
+velorin_program(example_http_dates http_dates.c)

@@ -8,6 +8,7 @@
 #include <string>
 #include <type_traits>
 
+#include "support/failing_new.h"
 #include "support/private_world.h"
 #include "support/syslog_recorder.h"
 #include "velorin/SystemError"
@@ -118,6 +119,19 @@ TEST_F(ExceptionReportTest, UnknownExceptionHasNeitherColonNorTextForm) {
 TEST_F(ExceptionReportTest, NullFileIsShownAsNull) {
   Exception_caught(nullptr, 1);
   EXPECT_THAT(daemon().next().text, EndsWith("Caught an exception at \"(null)\" line 1"));
+}
+
+TEST_F(ExceptionReportTest, CaughtWithoutMemoryStillWritesTheLine) {
+  const Exception e(7, "x");
+  allocations_fail_from = 16;
+  e.caught("a.cc", 12);
+  Exception_caught("b.cc", 34);
+  allocations_fail_from = 0;
+  EXPECT_THAT(daemon().next().text,
+              MatchesRegex("\\([0-9]+\\)ERRO:Exception\\.cc:[0-9]+-> "
+                           "Caught an exception at \"a.cc\" line 12: 7 \"x\""));
+  EXPECT_THAT(daemon().next().text, MatchesRegex("\\([0-9]+\\)ERRO:Exception\\.cc:[0-9]+-> "
+                                                 "Caught an exception at \"b.cc\" line 34"));
 }
 
 TEST_F(ExceptionReportTest, CaughtAtLevelZeroWritesTheLineButNoSyslogCopy) {

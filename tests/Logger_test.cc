@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -15,6 +16,7 @@
 #include "support/child.h"
 #include "support/private_world.h"
 #include "support/syslog_recorder.h"
+#include "support/system_calls.h"
 #include "velorin/ad_debug"
 #include "zam/Logger"
 
@@ -270,6 +272,29 @@ TEST_F(unifiedLogTest, InitPutsTheUserIdBehindTheBasePath) {
   EXPECT_EQ(init_zam_unifiedlog(nullptr), 0);
   send_to_unifiedlog("to the default");
   EXPECT_EQ(fallback.next().text, "to the default");
+}
+
+TEST_F(unifiedLogTest, InitUsesTheRealUserId) {
+  LogListener real("/tmp/mine.1234");
+  LogListener effective("/tmp/mine.0");
+  errorsOf([] {
+    if (setresuid(1234, 0, 0) != 0) FAIL() << "this test needs a second user: " << strerror(errno);
+    EXPECT_EQ(init_zam_unifiedlog("/tmp/mine"), 0);
+    send_to_unifiedlog("x");
+  });
+  EXPECT_THAT(real.waiting(), ElementsAre("x"));
+  EXPECT_THAT(effective.waiting(), IsEmpty());
+}
+
+TEST_F(unifiedLogTest, InterruptedSendIsRepeated) {
+  LogListener log("/tmp/zam-errorlog");
+  const std::string err = errorsOf([] {
+    system_calls.interrupted_sends = 5;
+    send_to_unifiedlog("x");
+    EXPECT_EQ(system_calls.interrupted_sends, 0);
+  });
+  EXPECT_EQ(err, "");
+  EXPECT_THAT(log.waiting(), ElementsAre("x"));
 }
 
 TEST_F(unifiedLogTest, InitLoggerInitialisesOnceAndSetsThePath) {

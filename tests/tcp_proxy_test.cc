@@ -2,27 +2,23 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <time.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -31,7 +27,7 @@
 #include "support/child.h"
 #include "support/log_listener.h"
 #include "support/private_world.h"
-#include "velorin/ad_debug"
+#include "tcp_proxy_fixture.h"
 
 namespace {
 
@@ -40,277 +36,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
-
-constexpr char kProgram[] = VELORIN_BIN "/tcp_proxy";
-constexpr char kDaemonSocket[] = "/tmp/ad_errorlog.0";
-constexpr time_t kPatience = 20;  // seconds; only a failing test waits that long
-
-sockaddr_in addressOf(const std::string& ip, int port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
-  return address;
-}
-
-// A blocking TCP socket whose calls give up after kPatience.
-class Socket {
- public:
-  explicit Socket(int fd) : fd_(fd) {
-    if (fd_ < 0) throw std::runtime_error(std::string("socket: ") + strerror(errno));
-    const timeval limit = {kPatience, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  }
-  Socket(Socket&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Socket& operator=(Socket&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Socket() {
-    if (fd_ >= 0) close(fd_);
-  }
-
-  int fd() const { return fd_; }
-
-  int port() const {
-    sockaddr_in address = {};
-    socklen_t size = sizeof address;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
-  }
-
-  Socket accepted() const { return Socket(accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)); }
-
-  void send(const std::string& text) const {
-    size_t sent = 0;
-    while (sent < text.size()) {
-      const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-      if (n < 0) return ADD_FAILURE() << "send: " << strerror(errno), void();
-      sent += static_cast<size_t>(n);
-    }
-  }
-
-  // Exactly `size` bytes, or fewer when the stream ends before.
-  std::string receive(size_t size) const {
-    std::string text(size, '\0');
-    const ssize_t n = recv(fd_, text.data(), size, MSG_WAITALL);
-    text.resize(n < 0 ? 0 : static_cast<size_t>(n));
-    return text;
-  }
-
-  // Everything up to the end of the stream; `*err` gets 0, or the errno that it ended with.
-  std::string receiveAll(int* err) const {
-    std::string text;
-    std::string room(65536, '\0');
-    ssize_t n;
-    while ((n = recv(fd_, room.data(), room.size(), 0)) > 0)
-      text.append(room, 0, static_cast<size_t>(n));
-    *err = n < 0 ? errno : 0;
-    return text;
-  }
-
-  std::string receiveAll() const {
-    int err;
-    const std::string text = receiveAll(&err);
-    EXPECT_EQ(err, 0) << strerror(err);
-    return text;
-  }
-
-  // How the stream ends, with nothing before: 0, or an errno.
-  int ending() const {
-    int err;
-    EXPECT_EQ(receiveAll(&err), "");
-    return err;
-  }
-
-  // Bytes that the other end's kernel has not taken yet.
-  int unacknowledged() const {
-    int count = -1;
-    ioctl(fd_, SIOCOUTQ, &count);
-    return count;
-  }
-
-  int state() const {
-    tcp_info info = {};
-    socklen_t size = sizeof info;
-    getsockopt(fd_, IPPROTO_TCP, TCP_INFO, &info, &size);
-    return info.tcpi_state;
-  }
-
-  void endOutput() const { shutdown(fd_, SHUT_WR); }
-
-  void reset() {
-    const linger none = {1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &none, sizeof none);
-    close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-Socket listening(int backlog = 1024) {
-  Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = addressOf("127.0.0.1", 0);
-  if (bind(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(socket.fd(), backlog) != 0)
-    throw std::runtime_error(std::string("listen: ") + strerror(errno));
-  return socket;
-}
-
-Socket connected(int port, const std::string& source = "127.0.0.1") {
-  Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in from = addressOf(source, 0);
-  const sockaddr_in to = addressOf("127.0.0.1", port);
-  if (bind(socket.fd(), reinterpret_cast<const sockaddr*>(&from), sizeof from) != 0 ||
-      connect(socket.fd(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
-    throw std::runtime_error(std::string("connect: ") + strerror(errno));
-  return socket;
-}
-
-// A port that nobody listens at.
-int refusingPort() {
-  return listening().port();
-}
-
-std::string randomBytes(size_t size, unsigned seed) {
-  std::mt19937 generator(seed);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(generator());
-  return bytes;
-}
-
-void limitDescriptors(rlim_t count) {
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = count;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-// For what nothing announces: looks until it is so, at most kPatience.
-bool eventually(const std::function<bool()>& holds) {
-  const time_t deadline = time(nullptr) + kPatience;
-  while (!holds()) {
-    if (time(nullptr) > deadline) return false;
-    (void)poll(nullptr, 0, 1);
-  }
-  return true;
-}
-
-std::string textOf(const sockaddr_in& address) {
-  char ip[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
-  return std::string(ip) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-std::string localAddress(const Socket& socket) {
-  sockaddr_in address = {};
-  socklen_t size = sizeof address;
-  getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &size);
-  return textOf(address);
-}
-
-// A proxy that runs on a free port in front of `upstream_port`.
-class Proxy {
- public:
-  using Setup = std::function<void()>;
-
-  // `in_child` runs in the new process before the program is started there.
-  explicit Proxy(
-      int upstream_port, const Setup& in_child = [] {})
-      : child_([=] {
-          closefrom(3);  // so that its descriptors can be counted
-          in_child();
-          const std::string upstream = "127.0.0.1:" + std::to_string(upstream_port);
-          execl(kProgram, kProgram, "--listen", "127.0.0.1:0", "--upstream", upstream.c_str(),
-                "--name", "proxy", static_cast<char*>(nullptr));
-          _exit(127);
-        }) {
-    const std::string announcement = "listening on 127.0.0.1:";
-    if (!child_.waitForOut("\n") || child_.out().compare(0, announcement.size(), announcement) != 0)
-      throw std::runtime_error("the proxy did not start: " + child_.out() + child_.err());
-    port_ = std::stoi(child_.out().substr(announcement.size()));
-  }
-
-  int port() const { return port_; }
-  pid_t pid() const { return child_.pid(); }
-  Child& child() { return child_; }
-  Socket client(const std::string& source = "127.0.0.1") const { return connected(port_, source); }
-
-  // A log line that it wrote, as a regular expression.
-  std::string line(const std::string& tag, const std::string& file, const std::string& rest) const {
-    return "proxy\\(" + std::to_string(pid()) + "\\)" + tag + ":" + file + "\\.cc:[0-9]+-> " + rest;
-  }
-
-  int openDescriptors() const {
-    int count = 0;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/fd")) {
-      (void)entry;
-      ++count;
-    }
-    return count;
-  }
-
-  // Whether it is waiting in the kernel now.
-  bool sleeps() const {
-    const int fd = open(("/proc/" + std::to_string(pid()) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
-    char stat[512] = "";
-    const ssize_t size = read(fd, stat, sizeof stat - 1);
-    close(fd);
-    const char* const name_end = size > 0 ? strrchr(stat, ')') : nullptr;
-    return name_end != nullptr && name_end[2] == 'S';
-  }
-
-  // Ends it with SIGTERM; it must not have complained.
-  void stop() {
-    child_.signal(SIGTERM);
-    const ChildResult result = child_.wait();
-    EXPECT_EQ(result.exitCode(), 0) << result;
-    EXPECT_EQ(result.err, "");
-  }
-
- private:
-  Child child_;
-  int port_ = 0;
-};
-
-// What lies unread in the socket at `local_port` that is connected to `remote_port`.
-unsigned long unreadBytes(int local_port, int remote_port) {
-  std::ifstream table("/proc/net/tcp");
-  std::string row;
-  while (std::getline(table, row)) {
-    unsigned local, remote;
-    unsigned long unread;
-    if (sscanf(row.c_str(), " %*d: %*x:%x %*x:%x %*x %*x:%lx", &local, &remote, &unread) == 3 &&
-        local == static_cast<unsigned>(local_port) && remote == static_cast<unsigned>(remote_port))
-      return unread;
-  }
-  return 0;
-}
-
-class tcp_proxyTest : public PrivateWorld {
- protected:
-  tcp_proxyTest() : log_(std::make_unique<LogListener>(kDaemonSocket)) {}
-
-  LogListener& log() { return *log_; }
-  void removeLog() { log_.reset(); }
-
-  // The record that all processes of this daemon share.
-  ad_debug_cfg_t& record() {
-    if (record_ == nullptr) {
-      EXPECT_EQ(ad_get_ad_debug_cfg_p(kDaemonSocket, &record_), 0);
-    }
-    return *record_;
-  }
-  void setLevel(int level) { __atomic_store_n(&record().ad_debug_level, level, __ATOMIC_RELAXED); }
-
- private:
-  std::unique_ptr<LogListener> log_;
-  ad_debug_cfg_t* record_ = nullptr;
-};
 
 // ---- Bytes ----
 
@@ -833,6 +558,86 @@ TEST_F(tcp_proxyTest, StandardStreamsThatAreClosedDoNotBecomeSockets) {
   EXPECT_EQ(client->receiveAll(), "down");
 }
 
+// ---- Limits and crashes ----
+
+TEST_F(tcp_proxyTest, ClientsBeyondTheNumberThatIsServedWait) {
+  const Socket upstream = listening();
+  Proxy proxy({"--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--connections=1"});
+  std::optional<Socket> first(proxy.client());
+  std::optional<Socket> first_server(upstream.accepted());
+  const Socket second = proxy.client();
+  EXPECT_THAT(log().nextLine(), HasSubstr("accept: No buffer space available"));
+  second.send("waiting");
+  first.reset();
+  first_server.reset();
+  const Socket second_server = upstream.accepted();
+  EXPECT_EQ(second_server.receive(7), "waiting");
+}
+
+class tcp_proxyCrashTest : public tcp_proxyTest {
+ protected:
+  static constexpr char kCrashes[] = "/local/local1";
+
+  tcp_proxyCrashTest() {
+    removeLog();  // more lines than a socket holds: they are looked at on standard error
+    cover(kCrashes);
+  }
+
+  // A proxy that has crashed: how it ended.
+  static ChildResult crash(Proxy* proxy) {
+    proxy->child().signal(SIGUSR2);
+    return proxy->child().wait();
+  }
+  static std::string traceOf(const Proxy& proxy) {
+    return std::string(kCrashes) + "/.tcp_proxy_crash_trace." + std::to_string(proxy.pid());
+  }
+};
+
+TEST_F(tcp_proxyCrashTest, LeavesItsTraceInTheLogAndInAFile) {
+  const Socket upstream = listening();
+  Proxy proxy({"--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--crash-on-signal",
+               "--crash-action=none"});
+  const ChildResult result = crash(&proxy);
+  EXPECT_EQ(result.signal(), SIGQUIT) << result;
+  EXPECT_FALSE(WCOREDUMP(result.status));
+  EXPECT_THAT(result.err, HasSubstr("CRTC:crash.cc:"));
+  EXPECT_THAT(result.err, HasSubstr("-> SIGNAL 11 (Segmentation fault)\n"));
+  EXPECT_THAT(result.err, HasSubstr("-> ----- stack dump and backtrace done.\n"));
+  EXPECT_THAT(read(traceOf(proxy)), HasSubstr("SIGNAL 11 (Segmentation fault)\n"));
+  EXPECT_TRUE(std::filesystem::exists(std::string(kCrashes) + "/.excl_sig.tcp_proxy.lock"));
+}
+
+TEST_F(tcp_proxyCrashTest, NextProxyRemovesTheMarkerAndMayCrashAsWell) {
+  const Socket upstream = listening();
+  const std::vector<std::string> options = {
+      "--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--crash-on-signal"};
+  Proxy first(options);
+  EXPECT_EQ(crash(&first).signal(), SIGQUIT);
+  Proxy second(options);
+  const Socket client = second.client();
+  const Socket server = upstream.accepted();
+  client.send("served");
+  EXPECT_EQ(server.receive(6), "served");
+  EXPECT_EQ(crash(&second).signal(), SIGQUIT);
+  EXPECT_THAT(read(traceOf(second)), HasSubstr("SIGNAL 11"));
+}
+
+TEST_F(tcp_proxyCrashTest, WaitsForADebuggerWhereItIsToldTo) {
+  const Socket upstream = listening();
+  Proxy proxy({"--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--crash-on-signal",
+               "--crash-action=debug"});
+  proxy.child().signal(SIGUSR2);
+  EXPECT_TRUE(proxy.child().waitForErr("please attach to process " + std::to_string(proxy.pid())));
+  EXPECT_TRUE(proxy.sleeps());
+}
+
+TEST_F(tcp_proxyCrashTest, WithoutTheOptionTheSignalJustEndsIt) {
+  const Socket upstream = listening();
+  Proxy proxy(upstream.port());
+  EXPECT_EQ(crash(&proxy).signal(), SIGUSR2);
+  EXPECT_FALSE(std::filesystem::exists(traceOf(proxy)));
+}
+
 // ---- Start and stop ----
 
 class tcp_proxyStopTest : public tcp_proxyTest, public testing::WithParamInterface<int> {};
@@ -863,6 +668,147 @@ INSTANTIATE_TEST_SUITE_P(Signals, tcp_proxyStopTest, testing::Values(SIGTERM, SI
                          [](const auto& row) {
                            return std::string(row.param == SIGTERM ? "SIGTERM" : "SIGINT");
                          });
+
+// ---- The upstream server that is the proxy's own ----
+
+constexpr int kServerPort = 8008;
+constexpr char kStandIn[] = VELORIN_BUILD "/stand-in";  // a folder with a thttpd
+
+class tcp_proxySpawnTest : public tcp_proxyTest {
+ protected:
+  tcp_proxySpawnTest() {
+    std::filesystem::create_directories("/tmp/site/sub");
+    write("/tmp/site/page", "the page\n");
+    write("/tmp/site/sub/page", "the other page\n");
+    searchFirst(kStandIn);
+  }
+  ~tcp_proxySpawnTest() override { setenv("PATH", path_.c_str(), 1); }
+
+  static void searchFirst(const std::string& dir) {
+    setenv("PATH", (dir + ":" + path_).c_str(), 1);
+  }
+
+  static void inSite() {
+    if (chdir("/tmp/site") != 0) _exit(126);
+  }
+
+  // A thttpd that the shell runs.
+  static void httpd(const std::string& commands) {
+    std::filesystem::create_directory("/tmp/bin");
+    write("/tmp/bin/thttpd", "#!/bin/sh\n" + commands);
+    chmod("/tmp/bin/thttpd", 0755);
+    searchFirst("/tmp/bin");
+  }
+
+  static std::string pageThrough(const Proxy& proxy) {
+    const Socket client = proxy.client();
+    client.send("GET /page HTTP/1.0\r\n\r\n");
+    return client.receiveAll();
+  }
+
+  static bool serverIsGone() {
+    try {
+      connected(kServerPort);
+      return false;
+    } catch (const std::runtime_error&) {
+      return true;
+    }
+  }
+
+ private:
+  inline static const std::string path_ = getenv("PATH");
+};
+
+TEST_F(tcp_proxySpawnTest, ServerServesTheWorkingDirectoryUntilSigterm) {
+  Proxy proxy({"--spawn-upstream"}, inSite);
+  EXPECT_THAT(pageThrough(proxy), AllOf(HasSubstr("200 OK"), EndsWith("\r\n\r\nthe page\n")));
+  EXPECT_TRUE(std::filesystem::exists("/tmp/site/thttpd.log"));
+  proxy.stop();
+  EXPECT_TRUE(serverIsGone());
+  EXPECT_THAT(log().waiting(), testing::IsEmpty());
+}
+
+TEST_F(tcp_proxySpawnTest, ServerServesTheDirectoryThatIsNamed) {
+  Proxy proxy({"--spawn-upstream=/tmp/site/sub"}, inSite);
+  EXPECT_THAT(pageThrough(proxy), EndsWith("\r\n\r\nthe other page\n"));
+  proxy.stop();
+  EXPECT_TRUE(serverIsGone());
+}
+
+TEST_F(tcp_proxySpawnTest, InterruptOfATerminalStopsBoth) {
+  Proxy proxy({"--spawn-upstream"}, inSite);
+  // Sent to all processes of the group.
+  ASSERT_EQ(killpg(proxy.pid(), SIGINT), 0);
+  const ChildResult result = proxy.child().wait();
+  EXPECT_EQ(result.exitCode(), 0) << result;
+  EXPECT_EQ(result.err, "");
+  EXPECT_TRUE(serverIsGone());
+}
+
+TEST_F(tcp_proxySpawnTest, StopStillWorksWhenTheServerIsGone) {
+  httpd("echo $$ > /tmp/server.pid\nexec " + std::string(kStandIn) + "/thttpd \"$@\"\n");
+  Proxy proxy({"--spawn-upstream"}, inSite);
+  ASSERT_EQ(kill(std::stoi(read("/tmp/server.pid")), SIGKILL), 0);
+  ASSERT_TRUE(eventually(serverIsGone));
+  EXPECT_EQ(proxy.client().ending(), ECONNRESET);
+  proxy.stop();
+}
+
+TEST_F(tcp_proxySpawnTest, StopWhileTheServerStartsLeavesNoServer) {
+  httpd(
+      "> /tmp/started\nuntil [ -e /tmp/go ]; do sleep 0.01; done\n"
+      "exec " +
+      std::string(kStandIn) + "/thttpd \"$@\"\n");
+  Child proxy({kProgram, "--listen=127.0.0.1:0", "--spawn-upstream"});
+  ASSERT_TRUE(eventually([] { return std::filesystem::exists("/tmp/started"); }));
+  proxy.signal(SIGTERM);
+  write("/tmp/go", "");
+  const ChildResult result = proxy.wait();
+  EXPECT_EQ(result.exitCode(), 0) << result;
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(serverIsGone());
+}
+
+TEST_F(tcp_proxySpawnTest, InterruptWhileTheServerStartsEndsBoth) {
+  httpd("> /tmp/started\nexec sleep 1000\n");
+  Child proxy({kProgram, "--listen=127.0.0.1:0", "--spawn-upstream"});
+  ASSERT_TRUE(eventually([] { return std::filesystem::exists("/tmp/started"); }));
+  ASSERT_EQ(killpg(proxy.pid(), SIGINT), 0);
+  const ChildResult result = proxy.wait();
+  EXPECT_EQ(result.exitCode(), 0) << result;
+  EXPECT_EQ(result.out, "");
+}
+
+TEST_F(tcp_proxySpawnTest, MissingServerIsReportedAndExitsWithOne) {
+  setenv("PATH", "/nonexistent", 1);
+  const ChildResult result = runProgram({kProgram, "--listen=127.0.0.1:0", "--spawn-upstream"});
+  EXPECT_EQ(result.exitCode(), 1) << result;
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "tcp_proxy: 127.0.0.1:0: thttpd did not start; the log tells why\n");
+  EXPECT_THAT(log().nextLine(), EndsWith("exec thttpd: No such file or directory"));
+  EXPECT_THAT(log().nextLine(), HasSubstr("No thttpd process "));
+}
+
+TEST_F(tcp_proxySpawnTest, ServerPortInUseIsReportedAndExitsWithOne) {
+  Socket taken(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = addressOf("127.0.0.1", kServerPort);
+  const int on = 1;
+  setsockopt(taken.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  ASSERT_EQ(bind(taken.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(taken.fd(), 8), 0);
+  const ChildResult result = runProgram({kProgram, "--listen=127.0.0.1:0", "--spawn-upstream"});
+  EXPECT_EQ(result.exitCode(), 1) << result;
+  EXPECT_THAT(log().nextLine(), EndsWith("Someone is already using port 8008"));
+}
+
+TEST_F(tcp_proxySpawnTest, ServerIsStoppedWhenTheProxyCannotListen) {
+  const Socket taken = listening();
+  const ChildResult result = runProgram(
+      {kProgram, "--listen=127.0.0.1:" + std::to_string(taken.port()), "--spawn-upstream"});
+  EXPECT_EQ(result.exitCode(), 1) << result;
+  EXPECT_THAT(result.err, EndsWith(": bind: Address already in use\n"));
+  EXPECT_TRUE(serverIsGone());
+}
 
 TEST_F(tcp_proxyTest, AddressInUseIsReportedAndExitsWithOne) {
   const Socket taken = listening();
@@ -918,6 +864,8 @@ TEST_P(tcp_proxyUsageTest, ExitsWithTwoAndSaysWhy) {
 }
 
 constexpr char kUpstream[] = "--upstream=127.0.0.1:1";
+constexpr char kNoDirectory[] = "not a directory name without blanks, of 1 to 900 bytes: ";
+constexpr char kNoConnections[] = "not a number of connections, 1 to 60000: ";
 constexpr char kNoAddress[] = "not an IPv4 address and port: ";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -936,8 +884,21 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{"BytesBehindThePort", {"--listen=127.0.0.1:80x"}, kNoAddress},
         WrongUsage{"HostName", {"--listen=localhost:80"}, kNoAddress},
         WrongUsage{"ShortQuad", {"--listen=127.1:80"}, kNoAddress},
+        WrongUsage{
+            "CrashAction", {kUpstream, "--crash-action=panic"}, "not an action after a crash: "},
+        WrongUsage{"NoConnections", {kUpstream, "--connections=0"}, kNoConnections},
+        WrongUsage{"TooManyConnections", {kUpstream, "--connections=60001"}, kNoConnections},
+        WrongUsage{"BytesBehindConnections", {kUpstream, "--connections=1x"}, kNoConnections},
+        WrongUsage{"EmptyConnections", {kUpstream, "--connections="}, kNoConnections},
         WrongUsage{"EmptyAddress", {"--upstream="}, kNoAddress},
-        WrongUsage{"UpstreamPortZero", {"--upstream=127.0.0.1:0"}, "no port to connect to: "}),
+        WrongUsage{"UpstreamPortZero", {"--upstream=127.0.0.1:0"}, "no port to connect to: "},
+        WrongUsage{"TwoUpstreams",
+                   {kUpstream, "--listen=127.0.0.1:0", "--spawn-upstream"},
+                   "--upstream and --spawn-upstream exclude each other"},
+        WrongUsage{"EmptyDirectory", {"--spawn-upstream="}, kNoDirectory},
+        WrongUsage{"DirectoryWithABlank", {"--spawn-upstream=/tmp/a b"}, kNoDirectory},
+        WrongUsage{
+            "DirectoryTooLong", {"--spawn-upstream=" + std::string(901, 'x')}, kNoDirectory}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

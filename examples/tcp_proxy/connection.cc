@@ -7,12 +7,19 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "address.h"
+#include "pool.h"
 #include "velorin/ad_debug"
 
 namespace {
+
+// An element lies where the pages of its pool begin, behind the pool's header.
+constexpr size_t kPoolHeader = sizeof(void*) == 4 ? 36 : 64;
+static_assert(kPoolHeader % alignof(Connection) == 0, "elements of a pool are aligned for it");
+Pool records;
 
 constexpr int kDumpLevel = 3;
 constexpr size_t kDumped = 64;  // bytes of a connection's first chunk
@@ -62,12 +69,29 @@ Connection::Side::Side(Connection* connection, EventLoop& loop, const char* its_
       watch(loop, fd.get(),
             [this, connection](uint32_t events) { connection->onEvents(this, events); }) {}
 
+void Connection::reserve(int count) {
+  records.create(count, sizeof(Connection), /*secret=*/false);
+  Relay::reserve(2 * count);
+}
+
+void* Connection::operator new(size_t) {
+  return records.take();
+}
+
+void Connection::operator delete(void* memory) noexcept {
+  records.giveBack(memory);
+}
+
 Connection::Connection(EventLoop& loop, Fd client, const sockaddr_in& client_address, Fd upstream,
-                       const sockaddr_in& upstream_address)
+                       const sockaddr_in& upstream_address, const std::string& prefix)
     : client_(this, loop, "client", std::move(client), client_address),
       upstream_(this, loop, "upstream", std::move(upstream), upstream_address) {
   tune(client_.fd.get());
   tune(upstream_.fd.get());
+  if (prefix.empty()) return;
+  playlists_ = std::make_unique<PlaylistFilter>(prefix, route());
+  client_.input.setFilter(&playlists_->requests);
+  upstream_.input.setFilter(&playlists_->responses);
 }
 
 void Connection::open(std::function<void()> on_end) {
@@ -121,9 +145,20 @@ void Connection::lookAfterIdle(Side* side, uint32_t events) {
 }
 
 void Connection::pump(Side* from, Side* to) {
+  try {
+    move(from, to);
+  } catch (const std::bad_alloc&) {  // a filter may need memory
+    fail(*from, ENOMEM);
+  }
+}
+
+void Connection::move(Side* from, Side* to) {
   if (from->input.wantsInput()) {
     const int err = from->input.take(from->fd.get());
-    if (err != 0) return fail(*from, err);
+    if (err != 0) {
+      from->input.flush(to->fd.get());
+      return fail(*from, err);
+    }
     logChunk(*from);
   }
   const int err = from->input.passOn(to->fd.get());

@@ -3,13 +3,16 @@
 #define TCP_PROXY_connection_
 
 #include <netinet/in.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "event_loop.h"
 #include "fd.h"
+#include "playlist_filter.h"
 #include "relay.h"
 
 // Owns both sockets. Passes bytes on in both directions, each until its sender ends it; an error on
@@ -17,9 +20,17 @@
 // one. The log lines that it writes belong to its client and server addresses.
 class Connection {
  public:
-  // Both sockets are non-blocking; `upstream` is not connected yet.
+  // Makes room for `count` connections. Called once, before there are any. Throws Exception.
+  static void reserve(int count);
+
+  // From that room; throws std::bad_alloc when it is used up.
+  static void* operator new(size_t size);
+  static void operator delete(void* memory) noexcept;
+
+  // Both sockets are non-blocking; `upstream` is not connected yet. Links in playlists get the
+  // `prefix`, which must outlive this; an empty one leaves them alone.
   Connection(EventLoop& loop, Fd client, const sockaddr_in& client_address, Fd upstream,
-             const sockaddr_in& upstream_address);
+             const sockaddr_in& upstream_address, const std::string& prefix);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -46,6 +57,7 @@ class Connection {
   void finishConnecting(int err);
   void lookAfterIdle(Side* side, uint32_t events);
   void pump(Side* from, Side* to);
+  void move(Side* from, Side* to);
   void settle();
   uint32_t interestIn(const Side& side, const Side& other) const;
   void logChunk(const Side& from) const;
@@ -55,6 +67,7 @@ class Connection {
 
   Side client_;
   Side upstream_;
+  std::unique_ptr<PlaylistFilter> playlists_;  // null: bytes pass unseen
   std::function<void()> on_end_;
   bool connecting_ = false;
   bool ended_ = false;

@@ -2,23 +2,16 @@
 #ifndef TCP_PROXY_options_
 #define TCP_PROXY_options_
 
-#include <netinet/in.h>
-
 #include <optional>
-#include <string>
+
+#include "settings.h"
 
 constexpr int kExitFailure = 1;  // something went wrong
-constexpr int kExitUsage = 2;    // the command line is wrong
+constexpr int kExitUsage = 2;    // the command line or a file that it names is wrong
 
-struct Options {
-  sockaddr_in listen = {};
-  sockaddr_in upstream = {};
-  std::string name = "tcp_proxy";  // at the head of every log line
-};
-
-// Returns: nothing when the program is to end at once with `*exit_status`: the help or the version
-// was printed, or what is wrong with the command line.
-std::optional<Options> parseOptions(int argc, char** argv, int* exit_status);
+// Returns: nothing when the program is to end at once with `*exit_status`: the help, the version or
+// the settings were printed, or what is wrong with the command line or a file that it names.
+std::optional<Settings> parseOptions(int argc, char** argv, int* exit_status);
 
 // Sends off what was printed so far; false when standard output does not take it.
 bool flushOutput();

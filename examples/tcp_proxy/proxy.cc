@@ -11,6 +11,7 @@
 #include <new>
 #include <utility>
 
+#include "crash.h"
 #include "velorin/ad_debug"
 
 namespace {
@@ -28,9 +29,10 @@ Fd listenAt(const sockaddr_in& address) {
   return fd;
 }
 
-Fd stopSignals() {
+Fd receiveSignals(bool crash_on_signal) {
   sigset_t set;
   sigemptyset(&set);
+  if (crash_on_signal) sigaddset(&set, SIGUSR2);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
   succeeded(sigprocmask(SIG_BLOCK, &set, nullptr), "sigprocmask");
@@ -45,15 +47,18 @@ void mustWant(Watch* watch, uint32_t events) {
 
 }  // namespace
 
-Proxy::Proxy(const sockaddr_in& listen, const sockaddr_in& upstream)
-    : upstream_(upstream),
-      listener_(listenAt(listen)),
+Proxy::Proxy(const Settings& settings)
+    : routes_(settings.routes),
+      prefix_(settings.prefix),
+      connections_max_(static_cast<size_t>(settings.connections)),
+      listener_(listenAt(settings.listen)),
       listener_watch_(loop_, listener_.get(), [this](uint32_t) { acceptClients(); }),
-      signals_(stopSignals()),
+      signals_(receiveSignals(settings.crash_on_signal)),
       signals_watch_(loop_, signals_.get(), [this](uint32_t) { onSignal(); }),
       retry_(opened(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create")),
       retry_watch_(loop_, retry_.get(), [this](uint32_t) { onRetry(); }) {
   for (Watch* watch : {&listener_watch_, &signals_watch_, &retry_watch_}) mustWant(watch, EPOLLIN);
+  Connection::reserve(settings.connections);
 }
 
 sockaddr_in Proxy::address() const {
@@ -71,7 +76,7 @@ void Proxy::run() {
     ended_.clear();
     resumeAccepting();
   }
-  while (!connections_.empty()) connections_.front().abort("stopped");
+  while (!connections_.empty()) connections_.front()->abort("stopped");
   ended_.clear();
 }
 
@@ -86,6 +91,7 @@ void Proxy::acceptClients() {
 
 // Returns: 0, or the errno of what failed.
 int Proxy::acceptClient() {
+  if (connections_.size() + ended_.size() >= connections_max_) return ENOBUFS;
   // The upstream socket is there before its client is accepted: when descriptors run out, clients
   // wait in the queue of the listening socket instead of being cut.
   if (!next_upstream_.isOpen()) next_upstream_ = Fd(socket(AF_INET, kSocketType, 0));
@@ -98,14 +104,17 @@ int Proxy::acceptClient() {
   if (!client.isOpen()) return errno;
 
   try {
-    connections_.emplace_back(loop_, std::move(client), address, std::move(next_upstream_),
-                              upstream_);
+    connections_.push_back(
+        std::make_unique<Connection>(loop_, std::move(client), address, std::move(next_upstream_),
+                                     routes_.upstreamOf(address.sin_addr), prefix_));
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }
   short_of_resources_ = false;
   const auto connection = std::prev(connections_.end());
-  connection->open([this, connection] { ended_.splice(ended_.end(), connections_, connection); });
+  (*connection)->open([this, connection] {
+    ended_.splice(ended_.end(), connections_, connection);
+  });
   return 0;
 }
 
@@ -133,6 +142,7 @@ void Proxy::onRetry() {
 void Proxy::onSignal() {
   signalfd_siginfo info;
   if (read(signals_.get(), &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
+  if (info.ssi_signo == SIGUSR2) crash();
   AD_TRCE("%s: stopping with %zu connections open\n", strsignal(static_cast<int>(info.ssi_signo)),
           connections_.size());
   stopping_ = true;

@@ -1,4 +1,4 @@
-// The service: accepts clients and connects each to the upstream server.
+// The service: accepts clients and connects each to its upstream server.
 #ifndef TCP_PROXY_proxy_
 #define TCP_PROXY_proxy_
 
@@ -6,17 +6,20 @@
 #include <stdint.h>
 
 #include <list>
+#include <memory>
+#include <string>
 
 #include "connection.h"
 #include "event_loop.h"
 #include "fd.h"
+#include "settings.h"
 
 // Owns the listening socket and all connections. From its construction on, SIGTERM and SIGINT are
-// blocked and mean: stop.
+// blocked and mean: stop. Where the settings say so SIGUSR2 means: crash. One per process.
 class Proxy {
  public:
   // Throws std::system_error when it cannot listen.
-  Proxy(const sockaddr_in& listen, const sockaddr_in& upstream);
+  explicit Proxy(const Settings& settings);
 
   // Where it listens.
   sockaddr_in address() const;
@@ -33,7 +36,9 @@ class Proxy {
   void onRetry();
   void onSignal();
 
-  const sockaddr_in upstream_;
+  const Routes routes_;
+  const std::string prefix_;
+  const size_t connections_max_;
   EventLoop loop_;
   Fd listener_;
   Watch listener_watch_;
@@ -42,8 +47,8 @@ class Proxy {
   Fd retry_;  // a timer that ends a pause
   Watch retry_watch_;
   Fd next_upstream_;  // the socket of the next connection
-  std::list<Connection> connections_;
-  std::list<Connection> ended_;
+  std::list<std::unique_ptr<Connection>> connections_;
+  std::list<std::unique_ptr<Connection>> ended_;
   bool accepting_ = true;
   bool short_of_resources_ = false;
   bool stopping_ = false;

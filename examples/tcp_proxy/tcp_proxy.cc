@@ -9,8 +9,10 @@
 #include <exception>
 
 #include "address.h"
+#include "crash.h"
 #include "options.h"
 #include "proxy.h"
+#include "upstream_server.h"
 #include "velorin/Exception"
 #include "velorin/ad_debug"
 
@@ -37,8 +39,14 @@ void initialiseLog(const std::string& name) {
   ad_errorlog_printf("%s", "");
 }
 
-int serve(const Options& options) {
-  Proxy proxy(options.listen, options.upstream);
+int serve(const Settings& settings) {
+  // Before the proxy blocks the stop signals: what is started behind that could not be stopped. And
+  // before it gives up its core size limit, which what is started would inherit.
+  std::optional<UpstreamServer> upstream;
+  if (settings.spawn_upstream) upstream.emplace(settings.upstream_directory);
+  handleCrashes(settings.crash_action);
+  Proxy proxy(settings);
+  if (upstream && UpstreamServer::stopRequested()) return 0;
   printf("listening on %s\n", addressText(proxy.address()).c_str());
   if (!flushOutput()) {
     fputs("tcp_proxy: cannot write to standard output\n", stderr);
@@ -56,22 +64,22 @@ int main(int argc, char** argv) {
     return kExitFailure;
   }
   int exit_status;
-  const std::optional<Options> options = parseOptions(argc, argv, &exit_status);
-  if (!options) return exit_status;
+  const std::optional<Settings> settings = parseOptions(argc, argv, &exit_status);
+  if (!settings) return exit_status;
 
   // A log reader or a client that is gone shows as EPIPE.
   (void)signal(SIGPIPE, SIG_IGN);
-  initialiseLog(options->name);
+  initialiseLog(settings->name);
   try {
-    return serve(*options);
+    return serve(*settings);
   } catch (const Exception& e) {
-    const Exception failure(e.id(), addressText(options->listen) + ": " + e.details());
+    const Exception failure(e.id(), addressText(settings->listen) + ": " + e.details());
     failure.caught(__FILE_NAME__, __LINE__);
     fprintf(stderr, "tcp_proxy: %s\n", failure.details().c_str());
     return kExitFailure;
   } catch (const std::exception& e) {
-    AD_ERRO("%s: %s\n", addressText(options->listen).c_str(), e.what());
-    fprintf(stderr, "tcp_proxy: %s: %s\n", addressText(options->listen).c_str(), e.what());
+    AD_ERRO("%s: %s\n", addressText(settings->listen).c_str(), e.what());
+    fprintf(stderr, "tcp_proxy: %s: %s\n", addressText(settings->listen).c_str(), e.what());
     return kExitFailure;
   }
 }

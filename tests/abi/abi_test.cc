@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -138,6 +140,26 @@ TEST_P(abiCallerTest, CxxProgramUsesBothStyles) {
 
 INSTANTIATE_TEST_SUITE_P(LinkedWith, abiCallerTest, testing::Values("_shared", "_static"),
                          buildName);
+
+// A family's C program, by its name, that counts what does not hold.
+class abiFamilyTest : public PrivateWorld, public testing::WithParamInterface<std::string> {};
+
+TEST_P(abiFamilyTest, CProgramFindsAllAsDeclared) {
+  const ChildResult result = runProgram({program("abi_c_" + GetParam())});
+  EXPECT_EQ(result.exitCode(), 0) << result;
+}
+
+std::string familyBuildName(const testing::TestParamInfo<std::string>& built) {
+  return built.param;
+}
+
+std::vector<std::string> familyPrograms() {
+  std::istringstream names(VELORIN_C_FAMILIES);
+  return {std::istream_iterator<std::string>(names), {}};
+}
+
+INSTANTIATE_TEST_SUITE_P(Built, abiFamilyTest, testing::ValuesIn(familyPrograms()),
+                         familyBuildName);
 
 class abiGlobalsTest : public abiTest {};
 

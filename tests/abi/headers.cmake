@@ -2,7 +2,20 @@
 # built: once and twice in a unit, all such units linked into one program, and all headers together.
 
 # The headers of the function-based modules, which are for C too.
-set(c_headers velorin/ad_debug)
+set(c_headers
+  velorin/Launcher
+  velorin/ad_debug
+  velorin/base64
+  velorin/box
+  velorin/elc
+  velorin/hashmisc
+  velorin/md5
+  velorin/sd_mgmt
+  velorin/sd_mpool
+  velorin/sha
+  velorin/sig_handler
+  velorin/simplelock
+  velorin/time_str)
 
 file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/include
   ${PROJECT_SOURCE_DIR}/include/velorin/* ${PROJECT_SOURCE_DIR}/include/zam/*)

@@ -107,6 +107,37 @@ void raise_loopback() {
   close(fd);
 }
 
+// Shows what lies at `from` at the place `to` too.
+void show_at(const std::filesystem::directory_entry& from, const std::string& to) {
+  if (from.is_symlink()) {
+    std::filesystem::copy_symlink(from, to);
+    return;
+  }
+  if (from.is_directory())
+    std::filesystem::create_directory(to);
+  else
+    std::ofstream{to};
+  check(mount(from.path().c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+        to.c_str());
+}
+
+// A root directory of its own that shows what the machine's holds: whatever is made in it, such as
+// a place to mount at, is gone with the namespace. It is put together at /proc, which every machine
+// has and which is not needed until a new one is mounted.
+void enter_private_root() {
+  const std::string root = "/proc";
+  check(mount("tmpfs", root.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") == 0, "mount /");
+  for (const auto& entry : std::filesystem::directory_iterator("/")) {
+    if (entry.path() != root) show_at(entry, root + entry.path().string());
+  }
+  const std::string proc = root + "/proc";
+  std::filesystem::create_directory(proc);
+  check(mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
+        "mount /proc");
+  const std::string here = std::filesystem::current_path();
+  check(chroot(root.c_str()) == 0 && chdir(here.c_str()) == 0, "chroot");
+}
+
 // Process 1 of the namespace: takes in orphans until the tests are done.
 [[noreturn]] void reap_until(pid_t tests) {
   int status;
@@ -143,8 +174,7 @@ void enter_private_world() {
   }
   check(prctl(PR_SET_PDEATHSIG, SIGKILL) == 0, "prctl");
   check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
-  check(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
-        "mount /proc");
+  enter_private_root();
   raise_loopback();
   const pid_t tests = fork();
   check(tests >= 0, "fork");

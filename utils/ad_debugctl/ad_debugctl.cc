@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "common/command.h"
 #include "internal/log_datagram.h"
 #include "velorin/ad_debug"
 
@@ -27,8 +28,6 @@ constexpr char kDefaultSpecialBase[] = "/tmp/ad_errorlog_sp";
 constexpr int kProjectId = 'd';  // of the record's key
 constexpr uint32_t kSpecialLevel = 4;
 constexpr timespec kWatchInterval = {0, 200'000'000};
-
-enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
 
 constexpr char kHelp[] =
     R"(Usage: ad_debugctl [OPTION]... COMMAND
@@ -62,15 +61,6 @@ struct Request {
   bool json = false;
   uint32_t value = 0;  // that a setter stores
 };
-
-[[noreturn]] void fail(ExitCode code, const std::string& message) {
-  (void)fprintf(stderr, "ad_debugctl: %s\n", message.c_str());
-  exit(code);
-}
-
-[[noreturn]] void refuse(const std::string& message) {
-  fail(kUsage, message + "; see ad_debugctl --help");
-}
 
 // ---- The record's words ----
 
@@ -188,11 +178,6 @@ std::vector<std::string> sockets_of(const std::string& base) {
 }
 
 // ---- Output ----
-
-void finish_output() {
-  if (fflush(stdout) != 0 || ferror(stdout) != 0)
-    fail(kFailed, std::string("standard output: ") + strerror(errno));
-}
 
 std::string json_string(const std::string& text) {
   std::string quoted = "\"";
@@ -361,12 +346,6 @@ constexpr Command kCommands[] = {
 };
 
 // ---- The command line ----
-
-[[noreturn]] void print_and_exit(const char* text) {
-  (void)fputs(text, stdout);
-  finish_output();
-  exit(kDone);
-}
 
 // Takes the options; what is left of the arguments begins at optind.
 Request parse_options(int argc, char** argv) {

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "internal/log_format.h"
+#include "internal/write_all.h"
 
 namespace velorin::internal {
 
@@ -54,18 +55,6 @@ struct LogSender {
   int fd = kNotMade;      // released by the thread that made it, acquired by those that send
   int logd_enabled = -1;  // -1: nothing sent yet; 1: the last send worked; 0: it did not
 };
-
-// Writes all of `len` bytes: in one write, unless that is cut short. What a non-blocking descriptor
-// has no room for is lost.
-inline void write_all(int fd, const char* text, size_t len) {
-  while (len > 0) {
-    const ssize_t written = write(fd, text, len);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    text += written;
-    len -= static_cast<size_t>(written);
-  }
-}
 
 inline void write_stderr(const char* text, size_t len) {
   write_all(STDERR_FILENO, text, len);

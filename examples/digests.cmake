@@ -1,0 +1,5 @@
+velorin_program(example_digest_md5 digest_md5.c)
+velorin_program(example_digest_sha digest_sha.c)
+velorin_program(example_digest_Md5 digest_Md5.cc)
+velorin_program(example_digest_hashmisc digest_hashmisc.c)
+velorin_program(example_base64_text base64_text.c)

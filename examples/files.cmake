@@ -1,0 +1,4 @@
+velorin_program(example_file_values file_values.cc)
+velorin_program(example_file_changes file_changes.cc)
+velorin_program(example_properties properties.cc)
+velorin_program(example_elc_settings elc_settings.c)

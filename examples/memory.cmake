@@ -1,0 +1,1 @@
+velorin_program(example_memory_pools memory_pools.cc)

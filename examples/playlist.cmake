@@ -1,0 +1,1 @@
+velorin_program(example_playlist_links playlist_links.cc)

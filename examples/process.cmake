@@ -1,0 +1,1 @@
+velorin_program(example_run_program run_program.cc)

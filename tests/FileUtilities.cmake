@@ -1,0 +1,4 @@
+velorin_test(FileUtilities_test LABEL files)
+velorin_test(unixFile_test LABEL files)
+velorin_test(files_examples_test LABEL files DEPENDS
+  example_file_values example_file_changes example_properties example_elc_settings)

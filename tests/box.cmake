@@ -1,0 +1,1 @@
+velorin_test(box_test LABEL process)

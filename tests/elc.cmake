@@ -1,0 +1,1 @@
+velorin_test(elc_test LABEL files)

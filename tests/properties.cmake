@@ -1,0 +1,1 @@
+velorin_test(Properties_test LABEL files)

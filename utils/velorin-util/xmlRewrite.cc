@@ -1,0 +1,314 @@
+// Finds and rewrites the links of playlists. See velorin/xmlRewrite.
+#include "velorin/xmlRewrite"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <exception>
+
+#include "xmlRewrite_stops.h"
+
+namespace {
+
+constexpr int kError = 3;  // syslog priorities
+constexpr int kDebug = 7;
+constexpr int kFailed = 2;  // of a parse
+
+// The texts of log statements are not constant for those who take them.
+char kHrefFormat[] = "xmlRewrite::getHrefValue: url = %s tag = %s dummy1 = %x dummy2 = %p";
+char kLoadFormat[] = "xmlRewrite::loadFile Error for '%s': %s (errno=%d)";
+char kValueFormat[] = "%s%s%s%s";
+char kSyntaxFormat[] = "%s%s";
+char kEndFormat[] = "%s %s";
+
+struct Element {
+  const char* start;  // lower case; what an element begins with
+  const char* tag;    // what its links are reported with; null: as the element before
+};
+
+struct Format {
+  const Element* elements;                              // up to one without a start
+  Stops<10> element_letters;                            // the first letters of these
+  bool skips_one;                                       // the character behind an element's start
+  const char* const* attributes;                        // lower case; up to a null
+  const char* (*first_hint)(const char*, const char*);  // of these, or the end of an element
+  size_t value_offset;  // where the value's search begins, from the attribute's start
+  const char* complaint;
+};
+
+// Kept: links of an image are reported with the name of the element before it.
+constexpr Element kSmilElements[] = {
+    {"video ", "video"},         {"audio ", "audio"}, {"textstream ", "textstream"},
+    {"animation ", "animation"}, {"ref ", "ref"},     {"image ", nullptr},
+    {"text ", "text"},           {"img ", "img"},     {"a ", "a"},
+    {"anchor ", "anchor"},       {"area ", "area"},   {nullptr, nullptr}};
+constexpr const char* kSmilAttributes[] = {"src", "href", nullptr};
+constexpr Format kSmil = {kSmilElements,       Stops("vVaAtTrRiI"),        false,
+                          kSmilAttributes,     firstHintOfAttribute<true>, 3,
+                          "SMIL syntax Error "};
+
+constexpr Element kAsxElements[] = {
+    {"ref", "ref"}, {"entryref", "entryref"}, {"logo", "logo"}, {nullptr, nullptr}};
+constexpr const char* kAsxAttributes[] = {"href", nullptr};
+constexpr Format kAsx = {kAsxElements,       Stops("rReElLrReE"),         true,
+                         kAsxAttributes,     firstHintOfAttribute<false>, 4,
+                         "ASX syntax Error "};
+
+constexpr Stops kValueStops("\"'?<>");
+
+bool isQuote(char c) {
+  return c == '"' || c == '\'';
+}
+
+// Whether `c` is `wanted`, a lower-case letter or a space, in any case: letters differ in one bit.
+bool isInAnyCase(char c, char wanted) {
+  return c == wanted || (wanted != ' ' && (c | ' ') == wanted);
+}
+
+// Whether the text at `at`, which ends in a zero, begins with `start`, in any case.
+bool begins(const char* at, const char* start) {
+  while (*start != '\0' && isInAnyCase(*at, *start)) {
+    ++at;
+    ++start;
+  }
+  return *start == '\0';
+}
+
+const Element* elementAt(const char* at, const Format& format) {
+  if (!format.element_letters.has(*at)) return nullptr;
+  for (const Element* element = format.elements; element->start != nullptr; ++element) {
+    if (begins(at, element->start)) return element;
+  }
+  return nullptr;
+}
+
+bool isAttributeAt(const char* at, const Format& format) {
+  for (const char* const* attribute = format.attributes; *attribute != nullptr; ++attribute) {
+    if (begins(at, *attribute)) return true;
+  }
+  return false;
+}
+
+// What Str(n, 10, 1) gives, without a string: two of them are written for each link.
+class Decimal {
+ public:
+  explicit Decimal(size_t n) {
+    do {
+      *--start_ = static_cast<char>('0' + n % 10);
+      n /= 10;
+    } while (n != 0);
+  }
+  Decimal(const Decimal&) = delete;
+  Decimal& operator=(const Decimal&) = delete;
+
+  const char* text() const { return start_; }
+
+ private:
+  char digits_[24] = {};
+  char* start_ = digits_ + sizeof digits_ - 1;
+};
+
+// One scan of a playlist that has been loaded.
+class Scan {
+ public:
+  Scan(xmlRewrite* playlist, const Format& format, int dummy1, void* dummy2)
+      : playlist_(*playlist),
+        text_(playlist->contents_),
+        format_(format),
+        dummy1_(dummy1),
+        dummy2_(dummy2) {}
+
+  // Returns: what the parse returns.
+  int run() {
+    if (rewrites()) playlist_.newContents_.reserve(text_.size() + text_.size() / 8);
+    size_t at = 0;
+    while ((at = nextBracket(at)) != std::string::npos) {
+      const Found found = scanElement(&at);
+      if (found == kEnd) break;
+      if (found == kAttribute && !takeLink(&at)) return kFailed;
+    }
+    if (rewrites()) playlist_.newContents_.append(text_, copied_);
+    if (at == std::string::npos) return 0;
+    playlist_.logError()(kDebug, kEndFormat, format_.complaint, playlist_.parseFileName_.c_str());
+    return kFailed;
+  }
+
+ private:
+  enum Found { kAttribute, kNothing, kEnd };
+
+  // As text_.find does, without a call more for each element.
+  size_t nextBracket(size_t at) const {
+    if (at >= text_.size()) return std::string::npos;
+    const void* const found = memchr(text_.data() + at, '<', text_.size() - at);
+    if (found == nullptr) return std::string::npos;
+    return static_cast<size_t>(static_cast<const char*>(found) - text_.data());
+  }
+
+  bool rewrites() const { return playlist_.doRewrite != 0; }
+
+  // Looks for an attribute with a link in the element that begins at `*at`; moves on to it, to the
+  // end of what need not be looked at otherwise, or to the end of the text.
+  Found scanElement(size_t* at) {
+    const char* c = text_.c_str() + *at;
+    const Found found = scanFrom(&c);
+    *at = static_cast<size_t>(c - text_.c_str());
+    return found;
+  }
+
+  Found scanFrom(const char** position) {
+    const char*& c = *position;
+    while (*c == '<' || *c == ' ') ++c;
+    if (*c == '\0') return kEnd;
+    const Element* const element = elementAt(c, format_);
+    if (element == nullptr) {
+      ++c;
+      return kNothing;
+    }
+    if (element->tag != nullptr) tag_ = element->tag;
+    c += strlen(element->start);
+    // Kept: whatever stands behind an ASX name is skipped, a closing bracket too.
+    if (format_.skips_one && *c != '\0') ++c;
+    const char* const end = text_.c_str() + text_.size();
+    for (;; ++c) {
+      c = format_.first_hint(c, end);
+      if (*c == '\0') return kEnd;
+      if (*c == '>') return kNothing;
+      if (isAttributeAt(c, format_)) return kAttribute;
+    }
+  }
+
+  // Takes the link of the attribute at `*at` and moves on behind it. Returns: whether it has one.
+  bool takeLink(size_t* at) {
+    const char* const text = text_.c_str();
+    const char* const end = text + text_.size();
+    const char* first = kValueStops.first(text + *at + format_.value_offset, end);
+    while (*first == '?') first = kValueStops.first(first + 1, end);
+    if (!isQuote(*first)) return complain();
+    const char* const r = kValueStops.first(first + 1, end);
+    if (!isQuote(*r) && *r != '?') return complain();
+    replace(static_cast<size_t>(first - text), static_cast<size_t>(r - text));
+    *at = copied_ + 1;
+    return true;
+  }
+
+  // The link stands between `first` and `r`.
+  void replace(size_t first, size_t r) {
+    playlist_.logError()(kDebug, kValueFormat, "First and R ", Decimal(first).text(), "  ",
+                         Decimal(r).text());
+    if (rewrites()) playlist_.newContents_.append(text_, copied_, first + 1 - copied_);
+    copied_ = r;
+    link_.assign(text_, first + 1, r - first - 1);
+    const std::string replacement = playlist_.getHrefValue(link_.data(), tag_, dummy1_, dummy2_);
+    if (rewrites()) playlist_.newContents_.append(replacement);
+  }
+
+  bool complain() {
+    playlist_.logError()(kDebug, kSyntaxFormat, format_.complaint,
+                         playlist_.parseFileName_.c_str());
+    return false;
+  }
+
+  xmlRewrite& playlist_;
+  const std::string& text_;
+  const Format& format_;
+  const int dummy1_;
+  void* const dummy2_;
+  size_t copied_ = 0;     // what stands before is in newContents_
+  const char* tag_ = "";  // of the last media element
+  std::string link_;      // what the application gets; a member to keep its room
+};
+
+int parse(xmlRewrite* playlist, const char* file, const Format& format, int dummy1, void* dummy2) {
+  playlist->parseFileName_ = file != nullptr ? file : "";
+  if (!playlist->loadFile()) return kFailed;
+  playlist->newContents_.clear();
+  return Scan(playlist, format, dummy1, dummy2).run();
+}
+
+bool logLoadError(xmlRewrite* playlist, int err) {
+  playlist->logError()(kError, kLoadFormat, playlist->parseFileName_.c_str(), strerror(err), err);
+  return false;
+}
+
+// Makes room for a file of `size` bytes behind `text`. Returns: whether there was enough memory.
+bool grow(std::string* text, off_t size) {
+  // A file can be larger than what 32 bits count.
+  if (static_cast<uintmax_t>(size) > text->max_size()) return false;
+  try {
+    text->append(static_cast<size_t>(size), '\0');
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+// Reads `size` bytes. Returns: 0, or the errno of a read that failed.
+int readAll(int fd, char* to, size_t size) {
+  size_t got = 0;
+  while (got < size) {
+    const ssize_t count = read(fd, to + got, size - got);
+    if (count < 0 && errno != EINTR) return errno;
+    // Kept: an end of the file that comes too early is read again.
+    if (count > 0) got += static_cast<size_t>(count);
+  }
+  return 0;
+}
+
+}  // namespace
+
+void ourLogError(int /*priority*/, char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  (void)vprintf(format, ap);
+  va_end(ap);
+  (void)fflush(stdout);
+}
+
+xmlRewrite::~xmlRewrite() = default;
+
+std::string xmlRewrite::getHrefValue(char* url, std::string tag, int dummy1, void* dummy2) {
+  logError()(kDebug, kHrefFormat, url, tag.c_str(), static_cast<unsigned>(dummy1), dummy2);
+  return url;
+}
+
+logError_t xmlRewrite::logError() {
+  return ourLogError;
+}
+
+bool xmlRewrite::loadFile() {
+  struct stat status;
+  if (stat(parseFileName_.c_str(), &status) != 0) return logLoadError(this, errno);
+  const int fd = open(parseFileName_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return logLoadError(this, errno);
+  // Read behind the playlist before, which stays when this fails.
+  const size_t before = contents_.size();
+  if (!grow(&contents_, status.st_size)) {
+    (void)close(fd);
+    return logLoadError(this, ENOMEM);
+  }
+  const int err = readAll(fd, contents_.data() + before, contents_.size() - before);
+  if (err != 0) {
+    // Kept: the file stays open and its room allocated, as they always have. The room is not lost:
+    // it is the string's.
+    contents_.resize(before);
+    return logLoadError(this, err);
+  }
+  contents_.resize(before + strlen(contents_.c_str() + before));
+  contents_.erase(0, before);
+  (void)close(fd);
+  return true;
+}
+
+int xmlRewrite::doParseSMIL(char* fileName) {
+  return parse(this, fileName, kSmil, 0, nullptr);
+}
+
+int xmlRewrite::doParseASX(char* fileName, int clientIp, void* unsSignInfo) {
+  return parse(this, fileName, kAsx, clientIp, unsSignInfo);
+}
