@@ -440,7 +440,10 @@ class tcp_proxyPlaylistTest : public tcp_proxyTest {
   void exchange(const std::string& request, const std::string& response,
                 const std::string& expected) const {
     client_.send(request);
-    ASSERT_EQ(server_.receive(request.size()), request);
+    // To receive nothing would be to wait for something.
+    if (!request.empty()) {
+      ASSERT_EQ(server_.receive(request.size()), request);
+    }
     server_.send(response);
     const std::string got = client_.receive(expected.size());
     if (got.size() + expected.size() < 10000)
@@ -724,6 +727,7 @@ INSTANTIATE_TEST_SUITE_P(
              "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcd\r\n0\r\n\r\n",
              {}},
         Told{"OtherProtocol", "ICY 200 OK\r\n" + kSmilType + "Content-Length: 1\r\n\r\nx", {}},
+        Told{"NoHeadAtAll", "220 hello", {}},
         Told{"OtherVersion", "HTTP/2.0 200 OK\r\nContent-Length: 1\r\n\r\nx", {}},
         Told{"StatusNoNumber", "HTTP/1.1 2x0 OK\r\nContent-Length: 1\r\n\r\nx", {}},
         Told{"EmptyLine", "\r\n" + answer(kSmil, kSmilType), {}},

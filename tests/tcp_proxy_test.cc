@@ -628,7 +628,7 @@ TEST_F(tcp_proxyCrashTest, WaitsForADebuggerWhereItIsToldTo) {
                "--crash-action=debug"});
   proxy.child().signal(SIGUSR2);
   EXPECT_TRUE(proxy.child().waitForErr("please attach to process " + std::to_string(proxy.pid())));
-  EXPECT_TRUE(proxy.sleeps());
+  EXPECT_TRUE(eventually([&] { return proxy.sleeps(); }));
 }
 
 TEST_F(tcp_proxyCrashTest, WithoutTheOptionTheSignalJustEndsIt) {
