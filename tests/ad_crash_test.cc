@@ -266,26 +266,10 @@ TEST_F(ad_crashTest, ListDoesNotOpenWhatIsNoRegularFile) {
                                        "  not readable: not a regular file  [^\n]*\n"));
 }
 
-// A view of the machine in which the directory's usual place exists, without leaving it behind.
 TEST_F(ad_crashTest, DirectoryIsTheCrashHandlersUnlessNamed) {
-  const std::string root = "/tmp/root";
-  std::filesystem::create_directories(root + "/local/local1");
-  for (const auto& entry : std::filesystem::directory_iterator("/")) {
-    const std::string to = root + "/" + entry.path().filename().string();
-    if (entry.is_symlink()) {
-      std::filesystem::copy_symlink(entry.path(), to);
-    } else if (entry.is_directory() && !std::filesystem::exists(to) && entry.path() != "/tmp") {
-      std::filesystem::create_directory(to);
-      ASSERT_EQ(mount(entry.path().c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr), 0)
-          << to;
-    }
-  }
-  write(root + "/local/local1/.excl_sig.proxy.lock", "");
-  const ChildResult result = runInChild([&] {
-    if (chroot(root.c_str()) != 0 || chdir("/") != 0) _exit(126);
-    execl(kProgram, kProgram, "list", nullptr);
-    _exit(127);
-  });
+  cover("/local/local1");
+  write("/local/local1/.excl_sig.proxy.lock", "");
+  const ChildResult result = runProgram({kProgram, "list"});
   EXPECT_EQ(result.exitCode(), 0) << result;
   EXPECT_THAT(result.out, StartsWith("proxy: blocked"));
 }
