@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
