@@ -118,12 +118,12 @@ inline bool is_element_valid(const mpool_hdr_t* pool, int pool_len, const void* 
 inline void* allocate_element(mpool_hdr_t* pool) {
   if (pthread_mutex_lock(&pool->lock) != 0) return nullptr;
   mpool_elm_t* const element = pool->pfree_elms;
-  if (element != nullptr) {
-    pool->pfree_elms = load_next(element);
-    store_next(element, nullptr);
-    unpoison_element(pool, element);
-  }
+  if (element != nullptr) pool->pfree_elms = load_next(element);
   (void)pthread_mutex_unlock(&pool->lock);
+  if (element == nullptr) return nullptr;
+  // It is the caller's by now: others wait for the mutex a store less.
+  store_next(element, nullptr);
+  unpoison_element(pool, element);
   return element;
 }
 
