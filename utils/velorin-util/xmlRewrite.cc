@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include <exception>
+#include <limits>
 
+#include "String_digits.h"
 #include "xmlRewrite_stops.h"
 
 namespace {
@@ -99,19 +101,18 @@ bool isAttributeAt(const char* at, const Format& format) {
 class Decimal {
  public:
   explicit Decimal(size_t n) {
-    do {
-      *--start_ = static_cast<char>('0' + n % 10);
-      n /= 10;
-    } while (n != 0);
+    using velorin::internal::Magnitude;
+    const Magnitude<size_t> v = n;
+    const size_t length = velorin::internal::lengthOf(v, 10);
+    velorin::internal::writeDigits(text_, v, length, velorin::internal::FixedRadix<10>());
+    text_[length] = '\0';
   }
-  Decimal(const Decimal&) = delete;
-  Decimal& operator=(const Decimal&) = delete;
 
-  const char* text() const { return start_; }
+  const char* text() const { return text_; }
 
  private:
-  char digits_[24] = {};
-  char* start_ = digits_ + sizeof digits_ - 1;
+  // Zeros may be written behind the digits.
+  char text_[std::numeric_limits<size_t>::digits10 + 1 + velorin::internal::kBlock];
 };
 
 // One scan of a playlist that has been loaded.
