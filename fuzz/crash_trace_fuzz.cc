@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "ad_crash/elf.h"
-#include "ad_crash/text.h"
 #include "ad_crash/trace.h"
+#include "common/elf.h"
+#include "common/text.h"
 #include "fuzz.h"
 
 namespace {

@@ -390,6 +390,17 @@ TEST_F(DiskSpaceTest, SizeWithItsHighestBitSetComesToAnEnd) {
   EXPECT_THAT(space(), ElementsAre(1, 0, 2));
 }
 
+TEST_F(DiskSpaceTest, KeptPathsAreTakenByAReferenceThatIsNotConstant) {
+  int (*const in_kilobytes)(std::string&, unsigned&) = cvGetDiskFreeSpaceInKB;
+  int (*const in_bytes)(std::string&, unsigned&, unsigned&, int&) = cvGetDiskFreeSpace;
+  path_ = "/";
+  unsigned high, low;
+  int percent;
+  EXPECT_EQ(in_kilobytes(path_, low), 0);
+  EXPECT_EQ(in_bytes(path_, high, low, percent), 0);
+  EXPECT_EQ(path_, "/");
+}
+
 TEST_F(DiskSpaceTest, PathThatCannotBeLookedUpIsAFailure) {
   path_ = "/tmp/missing";
   expectFailure(ENOENT);

@@ -1,7 +1,9 @@
 // ad_crash as a program: what it finds, shows, decodes and removes, and what hostile files make it
 // do.
+#include <elf.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <link.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -9,8 +11,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "support/child.h"
@@ -181,6 +185,15 @@ TEST_F(ad_crashTest, ListTellsAProcessThatStillRunsFromOneWithTheSamePid) {
   // Of the same program, but older than the process.
   std::filesystem::rename(in(traceName("other", victim.pid())), trace);
   setTime(trace, 1000000000);
+  EXPECT_THAT(crash({"list"}).out, EndsWith("  process gone, its pid is another's now\n"));
+}
+
+TEST_F(ad_crashTest, ListKnowsAProcessOfAnotherProgramHoweverShortItsName) {
+  const std::string program = copyOf(kVictim, "v");
+  Child victim({program, kDir, "wait"});
+  ASSERT_TRUE(victim.waitForOut("written\n"));
+  std::filesystem::rename(in(traceName(program, victim.pid())),
+                          in(traceName("other", victim.pid())));
   EXPECT_THAT(crash({"list"}).out, EndsWith("  process gone, its pid is another's now\n"));
 }
 
@@ -593,6 +606,74 @@ TEST_F(ad_crashTest, RunningProcessTellsWhetherTheFileIsStillTheOneThatCrashed) 
               AllOf(HasSubstr("?? (" + reason + ")\n"), Not(HasSubstr(lineOf("crash")))));
 }
 
+TEST_F(ad_crashTest, FileThatTheRunningProcessHasNotMappedIsNotCompared) {
+  Child victim({kVictim, kDir, "wait"});
+  ASSERT_TRUE(victim.waitForOut("written\n"));
+  const std::string trace = traceName(kVictim, victim.pid());
+  const std::string other = copyOf(kExportedVictim, "other");
+  std::string text = traceOf(other + "(+0x1200)[0x5200]\n", "0x5200");
+  const std::string pid = std::to_string(victim.pid());
+  write(in(trace), text.replace(text.find("4711"), 4, pid));
+  EXPECT_THAT(crash({"decode", trace}).out,
+              HasSubstr("not compared with the file that process " + pid +
+                        " has loaded: it has mapped no file of this name\n"));
+}
+
+TEST_F(ad_crashTest, ProcessOfAnotherUserIsOfAProgramThatCannotBeSeen) {
+  Child victim({kVictim, kDir, "wait"});
+  ASSERT_TRUE(victim.waitForOut("written\n"));
+  ASSERT_EQ(chmod(in(traceName(kVictim, victim.pid())).c_str(), 0644), 0);
+  const ChildResult result = runInChild([] {
+    becomeUser(1000);
+    execl(kProgram, kProgram, "--dir", kDir, "list", nullptr);
+    _exit(127);
+  });
+  EXPECT_EQ(result.exitCode(), 0) << result;
+  EXPECT_THAT(result.out,
+              HasSubstr("  a process with this pid runs, of which program cannot be seen\n"));
+}
+
+TEST_F(ad_crashTest, WithoutABuildIdTheRunningProcessTellsWhetherItsFileIsStillThatOne) {
+  const std::string program = copyOf(kVictim, "victim");
+  const std::string copy = "/tmp/bin/copy";
+  ASSERT_EQ(runProgram({"objcopy", "--remove-section=.note.gnu.build-id", program}).exitCode(), 0);
+  std::filesystem::copy_file(program, copy);
+  Child victim({program, kDir, "wait"});
+  ASSERT_TRUE(victim.waitForOut("written\n"));
+  const std::string trace = traceName(program, victim.pid());
+  const std::string what = "the file that process " + std::to_string(victim.pid()) + " has loaded";
+  EXPECT_THAT(crash({"decode", trace}).out, HasSubstr("\n  is " + what));
+
+  std::filesystem::create_directory("/tmp/bin/old");
+  std::filesystem::rename(program, "/tmp/bin/old/victim");
+  std::filesystem::copy_file(copy, program);
+  EXPECT_THAT(crash({"decode", trace}).out,
+              HasSubstr("\n  not compared with " + what + ": no build id\n"));
+
+  std::filesystem::remove("/tmp/bin/old/victim");
+  EXPECT_THAT(crash({"decode", trace}).out, HasSubstr("\n  warning: has replaced " + what));
+}
+
+TEST_F(ad_crashTest, FileWithoutABuildIdIsNotComparedByThatOfTheRunningProcess) {
+  const std::string program = copyOf(kVictim, "victim");
+  const std::string other = copyOf(kVictim, "other");
+  ASSERT_EQ(runProgram({"objcopy", "--remove-section=.note.gnu.build-id", other}).exitCode(), 0);
+  Child victim({program, kDir, "wait"});
+  ASSERT_TRUE(victim.waitForOut("written\n"));
+  std::filesystem::rename(other, program);
+  EXPECT_THAT(crash({"decode", traceName(program, victim.pid())}).out,
+              HasSubstr("\n  warning: has replaced the file that process " +
+                        std::to_string(victim.pid()) + " has loaded\n"));
+}
+
+TEST_F(ad_crashTest, ProgramCalledThroughALinkIsKnownByTheNameBehindIt) {
+  std::filesystem::create_symlink(kVictim, "/tmp/bin/called");
+  Child child({"/tmp/bin/called", kDir});
+  ASSERT_EQ(child.wait().exitCode(), 0);
+  EXPECT_THAT(crash({"decode", traceName(kVictim, child.pid())}).out,
+              HasSubstr("\nobject: /tmp/bin/called (the program)\n"));
+}
+
 TEST_F(ad_crashTest, ProgramCalledByABareNameIsFoundWhileItRunsAndNamedAfterwards) {
   const std::string program = copyOf(kVictim, "victim");
   std::string trace;
@@ -674,6 +755,8 @@ TEST_F(ad_crashTest, ProgramsOfTheDistributionThatFailAreSaid) {
       {"#!/bin/sh\nexit 1\n", "addr2line failed"},
       {"#!/bin/sh\nkill -9 $$\n", "addr2line failed"},
       {"#!/bin/sh\necho hello\n", "addr2line's answer is not understood"},
+      {"#!/bin/sh\necho 0x1g\n", "addr2line's answer is not understood"},
+      {"#!/bin/sh\necho 0x1\n", "addr2line's answer is not understood"},
       {"#!/bin/sh\nexec /usr/bin/yes\n", "addr2line took too long or wrote too much"},
   };
   for (const auto& row : rows) {
@@ -684,6 +767,26 @@ TEST_F(ad_crashTest, ProgramsOfTheDistributionThatFailAreSaid) {
     EXPECT_THAT(result.err,
                 StartsWith(std::string("ad_crash: ") + kVictim + ": " + row.why + "\n"));
     EXPECT_THAT(result.out, HasSubstr(std::string("?? (") + row.why + ")\n"));
+  }
+}
+
+TEST_F(ad_crashTest, NamesThatCannotBeDemangledStayAndThatIsSaid) {
+  const std::string trace = crashOf(kVictim);
+  const struct {
+    const char* script;
+    const char* why;
+  } rows[] = {
+      {"#!/bin/sh\nexit 1\n", "c++filt failed"},
+      {"#!/bin/sh\necho hello\n", "c++filt's answer is not understood"},
+  };
+  for (const auto& row : rows) {
+    write("/tmp/bin/c++filt", row.script);
+    ASSERT_EQ(chmod("/tmp/bin/c++filt", 0755), 0);
+    const ChildResult result = crash({"decode", trace}, {"PATH=/tmp/bin:/usr/bin:/bin"});
+    EXPECT_EQ(result.exitCode(), 1) << row.why;
+    EXPECT_EQ(result.err,
+              std::string("ad_crash: ") + row.why + "; C++ names stay as the linker has them\n");
+    EXPECT_THAT(result.out, HasSubstr("_ZN6victim5crashEPVi at "));
   }
 }
 
@@ -791,6 +894,250 @@ TEST_F(ad_crashTest, DamagedElfFilesAreNamedAndNotDecoded) {
     EXPECT_THAT(result.out, EndsWith(std::string("?? (/tmp/bin/damaged: ") + row.why + ")\n"))
         << row.name;
   }
+}
+
+// A program file of this program's width that holds what a case puts into it.
+struct ElfFile {
+  std::vector<ElfW(Phdr)> segments;
+  std::vector<ElfW(Shdr)> sections;
+  std::string data;  // behind the header
+  uint16_t names_section = SHN_UNDEF;
+  uint16_t kind = ET_EXEC;
+  std::function<void(ElfW(Ehdr)*)> change = [](ElfW(Ehdr)*) {};  // of the finished header
+
+  // Returns: where the bytes lie in the file.
+  size_t put(const std::string& bytes) {
+    data += bytes;
+    return sizeof(ElfW(Ehdr)) + data.size() - bytes.size();
+  }
+
+  static std::string note(const std::string& owner, const std::string& contents) {
+    const ElfW(Nhdr) head = {static_cast<uint32_t>(owner.size() + 1),
+                             static_cast<uint32_t>(contents.size()), NT_GNU_BUILD_ID};
+    std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
+    for (const std::string& part : {owner + '\0', contents}) {
+      bytes += part;
+      bytes.resize((bytes.size() + 3) / 4 * 4);
+    }
+    return bytes;
+  }
+
+  void addNotes(const std::string& notes) {
+    ElfW(Phdr) segment = {};
+    segment.p_type = PT_NOTE;
+    segment.p_offset = put(notes);
+    segment.p_filesz = static_cast<decltype(segment.p_filesz)>(notes.size());
+    segments.push_back(segment);
+  }
+
+  void addSection(uint32_t type, size_t offset, size_t size, uint32_t link = 0, uint32_t name = 0) {
+    ElfW(Shdr) section = {};
+    section.sh_type = type;
+    section.sh_offset = offset;
+    section.sh_size = size;
+    section.sh_link = link;
+    section.sh_name = name;
+    sections.push_back(section);
+  }
+
+  std::string bytes() const {
+    ElfW(Ehdr) header = {};
+    memcpy(header.e_ident, ELFMAG, SELFMAG);
+    header.e_ident[EI_CLASS] = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
+    header.e_ident[EI_DATA] = ELFDATA2LSB;
+    header.e_type = kind;
+    header.e_phentsize = sizeof segments[0];
+    header.e_phnum = static_cast<uint16_t>(segments.size());
+    header.e_phoff = sizeof header + data.size();
+    header.e_shentsize = sizeof sections[0];
+    header.e_shnum = static_cast<uint16_t>(sections.size());
+    header.e_shoff = header.e_phoff + segments.size() * sizeof segments[0];
+    header.e_shstrndx = names_section;
+    change(&header);
+    std::string all(reinterpret_cast<const char*>(&header), sizeof header);
+    all += data;
+    all.append(reinterpret_cast<const char*>(segments.data()),
+               segments.size() * sizeof segments[0]);
+    all.append(reinterpret_cast<const char*>(sections.data()),
+               sections.size() * sizeof sections[0]);
+    return all;
+  }
+};
+
+class ad_crashElfTest : public ad_crashTest {
+ protected:
+  // What the decoding of an address in the file says; `place` is what the trace has in parentheses.
+  static std::string decoded(const ElfFile& file, const std::string& place = "+0x1200") {
+    write("/tmp/bin/made", file.bytes());
+    write(in("trace"), traceOf("/tmp/bin/made(" + place + ")[0x1200]\n", "0x1200"));
+    return crash({"decode", "trace"}).out;
+  }
+
+  static ElfW(Phdr) code(size_t address) {
+    ElfW(Phdr) segment = {};
+    segment.p_type = PT_LOAD;
+    segment.p_flags = PF_X;
+    segment.p_vaddr = address;
+    segment.p_memsz = 0x1000;
+    return segment;
+  }
+};
+
+TEST_F(ad_crashElfTest, BuildIdIsTheFirstNoteOfItsOwnerTypeAndSize) {
+  ElfFile file;
+  file.addNotes(ElfFile::note("Go", "\x11") + ElfFile::note("GNU", "") +
+                ElfFile::note("GNU", std::string(65, '\x22')) + ElfFile::note("GNU", "\xab\xcd") +
+                ElfFile::note("GNU", "\x33"));
+  EXPECT_THAT(decoded(file), HasSubstr("\n  build id: abcd\n"));
+}
+
+TEST_F(ad_crashElfTest, NotesOfAnotherTypeAndNotesThatEndBehindTheirPartAreNoBuildId) {
+  const std::string id = ElfFile::note("GNU", "\xab\xcd");
+  const auto with = [&](size_t at, char byte) { return std::string(id).replace(at, 1, 1, byte); };
+  for (const std::string& notes : {with(8, NT_GNU_BUILD_ID + 1), with(1, 1), with(5, 1)}) {
+    ElfFile file;
+    file.addNotes(notes);
+    EXPECT_THAT(decoded(file), HasSubstr("\n  build id: none\n"));
+  }
+}
+
+TEST_F(ad_crashElfTest, FilesOfTheOtherWidthAreReadToo) {
+  constexpr bool kWide = sizeof(void*) == 8;
+  using Header = std::conditional_t<kWide, Elf32_Ehdr, Elf64_Ehdr>;
+  using Segment = std::conditional_t<kWide, Elf32_Phdr, Elf64_Phdr>;
+  Header header = {};
+  memcpy(header.e_ident, ELFMAG, SELFMAG);
+  header.e_ident[EI_CLASS] = kWide ? ELFCLASS32 : ELFCLASS64;
+  header.e_ident[EI_DATA] = ELFDATA2LSB;
+  header.e_type = ET_EXEC;
+  header.e_phoff = sizeof header;
+  header.e_phentsize = sizeof(Segment);
+  header.e_phnum = 1;
+  Segment segment = {};
+  segment.p_type = PT_LOAD;
+  segment.p_flags = PF_X;
+  segment.p_memsz = 0x1000;
+  // The second one goes on behind the last address.
+  for (const bool fits : {true, false}) {
+    segment.p_vaddr = fits ? 0x1000 : static_cast<decltype(segment.p_vaddr)>(-0x100);
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+    bytes.append(reinterpret_cast<const char*>(&segment), sizeof segment);
+    write("/tmp/bin/made", bytes);
+    write(in("trace"), traceOf("/tmp/bin/made(+0x1200)[0x1200]\n", "0x1200"));
+    const std::string out = crash({"decode", "trace"}).out;
+    EXPECT_EQ(out.find("is a damaged ELF file: its segments are too large or too many") ==
+                  std::string::npos,
+              fits)
+        << out;
+  }
+}
+
+TEST_F(ad_crashElfTest, NotesThatAreTooManyTooLargeOrBehindTheEndAreNotSearched) {
+  const std::string id = ElfFile::note("GNU", "\xab\xcd");
+  ElfFile many;
+  for (int i = 0; i < 64; ++i) many.addNotes(ElfFile::note("none", ""));
+  many.addNotes(id);
+  EXPECT_THAT(decoded(many), Not(HasSubstr("abcd")));
+
+  ElfFile large;
+  large.addNotes(id + std::string(65536, '\0'));
+  EXPECT_THAT(decoded(large), Not(HasSubstr("abcd")));
+
+  ElfFile behind;
+  behind.addNotes(id);
+  behind.segments[0].p_filesz = 60000;
+  EXPECT_THAT(decoded(behind), Not(HasSubstr("abcd")));
+  behind.addNotes(id);
+  EXPECT_THAT(decoded(behind), HasSubstr("\n  build id: abcd\n"));
+}
+
+TEST_F(ad_crashElfTest, MoreSegmentsThanAnyProgramHasAreDamage) {
+  ElfFile file;
+  for (size_t i = 1; i <= 256; ++i) file.segments.push_back(code(0x1000 * i));
+  EXPECT_THAT(decoded(file), Not(HasSubstr("damaged")));
+  file.segments.push_back(code(0x200000));
+  EXPECT_THAT(decoded(file),
+              HasSubstr("is a damaged ELF file: its segments are too large or too many)\n"));
+}
+
+TEST_F(ad_crashElfTest, SectionsThatLeadOutOfTheFileAreTakenForNone) {
+  ElfFile file;
+  file.segments.push_back(code(0x1000));
+  file.addSection(SHT_NULL, 0, 0);
+  file.addSection(SHT_SYMTAB, 0, 0, /*link=*/7);         // of names that no section holds
+  file.addSection(SHT_DYNSYM, 60000, 24, /*link=*/3);    // behind the end
+  file.addSection(SHT_STRTAB, file.put("main"), 60000);  // up to behind the end
+  file.names_section = 3;
+  EXPECT_THAT(decoded(file, "main+0x10"), AllOf(HasSubstr("made"), Not(HasSubstr("damaged"))));
+  file.sections[2].sh_offset = file.put(std::string(48, '\0'));
+  EXPECT_THAT(decoded(file, "main+0x10"), AllOf(HasSubstr("made"), Not(HasSubstr("damaged"))));
+}
+
+TEST_F(ad_crashElfTest, HeadersThatDoNotDescribeTheSectionsMakeThemNone) {
+  ElfFile file;
+  file.segments.push_back(code(0x1000));
+  file.segments.push_back(code(0x3000));
+  file.segments[1].p_memsz = 0;
+  const size_t notes = file.put(ElfFile::note("GNU", "\xab\xcd"));
+  file.addSection(SHT_NULL, 0, 1 << 30);
+  file.addSection(SHT_NOTE, notes, 20);
+  EXPECT_THAT(decoded(file), HasSubstr("\n  build id: abcd\n"));
+  file.names_section = 7;
+  EXPECT_THAT(decoded(file), HasSubstr("\n  build id: abcd\n")) << "only the names are missing";
+  const std::function<void(ElfW(Ehdr)*)> changes[] = {
+      [](ElfW(Ehdr) * header) { header->e_shoff = 0; },
+      [](ElfW(Ehdr) * header) { header->e_shentsize = 1; },
+      [](ElfW(Ehdr) * header) { header->e_shnum = 60000; },
+      // The count stands in the first section, and is larger than any table.
+      [](ElfW(Ehdr) * header) { header->e_shnum = 0; },
+  };
+  for (const auto& change : changes) {
+    file.change = change;
+    EXPECT_THAT(decoded(file), AllOf(HasSubstr("\n  build id: none\n"), Not(HasSubstr("damaged"))));
+  }
+}
+
+TEST_F(ad_crashElfTest, SymbolThatStandsThereTwiceAllowsSeveralLoadAddresses) {
+  ElfFile file;
+  file.kind = ET_DYN;
+  file.segments = {code(0), code(0x1000)};
+  ElfW(Sym) symbols[2] = {};
+  for (ElfW(Sym) & symbol : symbols) {
+    symbol.st_name = 1;
+    symbol.st_shndx = SHN_ABS;
+  }
+  symbols[0].st_value = 0x1f0;
+  symbols[1].st_value = 0x11f0;
+  file.addSection(SHT_NULL, 0, 0);
+  const size_t at = file.put({reinterpret_cast<const char*>(symbols), sizeof symbols});
+  file.addSection(SHT_SYMTAB, at, sizeof symbols, /*link=*/2);
+  file.addSection(SHT_STRTAB, file.put(std::string("\0main", 6)), 6);
+  EXPECT_THAT(decoded(file, "main+0x10"),
+              EndsWith("?? (the trace's symbol lines allow several load addresses)\n"));
+  // Of which another line allows one.
+  write(in("trace"), traceOf("/tmp/bin/made(+0x200)[0x1200]\n/tmp/bin/made(main+0x10)[0x1200]\n"));
+  EXPECT_THAT(crash({"decode", "trace"}).out, HasSubstr("\n  load base: 0x1000\n"));
+}
+
+TEST_F(ad_crashElfTest, NamesSectionOfALargeNumberStandsInTheFirstSection) {
+  ElfFile file;
+  file.segments.push_back(code(0x1000));
+  const std::string names = std::string("\0.debug_line", 12) + '\0';
+  file.addSection(SHT_NULL, 0, 0, /*link=*/2);
+  file.addSection(SHT_PROGBITS, 0, 0, 0, /*name=*/1);
+  file.addSection(SHT_STRTAB, file.put(names), names.size());
+  // The distribution's program does not take such a file.
+  write("/tmp/bin/addr2line",
+        "#!/bin/sh\nwhile read -r a; do echo $a; echo '?\?'; echo '?\?:0'; done\n");
+  ASSERT_EQ(chmod("/tmp/bin/addr2line", 0755), 0);
+  const std::vector<std::string> path = {"PATH=/tmp/bin:/usr/bin:/bin"};
+  (void)decoded(file);
+  const std::string without = crash({"decode", "trace"}, path).out;
+  file.names_section = SHN_XINDEX;
+  (void)decoded(file);
+  EXPECT_THAT(without, EndsWith("?? (no debug information, the exported name before it)\n"));
+  EXPECT_THAT(crash({"decode", "trace"}, path).out,
+              EndsWith("?? (no source line for this address)\n"));
 }
 
 // ---- clear ----

@@ -809,6 +809,90 @@ TEST_F(ad_debugLogTest, TextOnStandardErrorEndsInOneNewline) {
   });
 }
 
+// A pipe at standard error that is full until the signal ALRM comes, whose handler interrupts
+// calls.
+class FullPipe {
+ public:
+  FullPipe() : saved_(dup(STDERR_FILENO)) {
+    if (pipe2(ends_, O_CLOEXEC) != 0) abort();
+    (void)fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+    dup2(ends_[1], STDERR_FILENO);
+    struct sigaction action = {};
+    action.sa_handler = [](int) { empty(); };
+    (void)sigaction(SIGALRM, &action, nullptr);
+  }
+
+  // Full of zeros; the signals start in a tenth of a second.
+  void fill() {
+    (void)fcntl(ends_[1], F_SETFL, O_NONBLOCK);
+    const char zeros[4096] = {};
+    while (::write(ends_[1], zeros, sizeof zeros) > 0) continue;
+    (void)fcntl(ends_[1], F_SETFL, 0);
+    set_signals(100000);
+  }
+
+  // What came but zeros.
+  std::string take() {
+    set_signals(0);
+    empty();
+    return {text_, std::exchange(size_, 0)};
+  }
+
+  ~FullPipe() {
+    dup2(saved_, STDERR_FILENO);
+    for (const int fd : {ends_[0], ends_[1], saved_}) close(fd);
+  }
+  FullPipe(const FullPipe&) = delete;
+  FullPipe& operator=(const FullPipe&) = delete;
+
+ private:
+  static void set_signals(suseconds_t every) {
+    const itimerval times = {{0, every}, {0, every}};
+    (void)setitimer(ITIMER_REAL, &times, nullptr);
+  }
+
+  static void empty() {
+    char room[4096];
+    for (ssize_t count; (count = read(ends_[0], room, sizeof room)) > 0;) {
+      for (const char* c = room; c < room + count; ++c)
+        if (*c != '\0' && size_ < sizeof text_) text_[size_++] = *c;
+    }
+  }
+
+  static inline int ends_[2];
+  static inline char text_[4096];  // no string, which is not for signal handlers
+  static inline size_t size_ = 0;
+  const int saved_;
+};
+
+TEST_F(ad_debugLogTest, SignalsThatInterruptAFullStandardErrorLoseNothing) {
+  removeDaemon();
+  errorsOf([] {
+    FullPipe pipe;
+    pipe.fill();
+    ad_errorlog_printf("first\n");
+    EXPECT_EQ(pipe.take(), std::string(kUnreachable) + "first\n");
+    pipe.fill();
+    ad_errorlog_printf("second\n");
+    EXPECT_EQ(pipe.take(), "second\n");
+  });
+}
+
+TEST_F(ad_debugLogTest, LineThatStandardErrorHasNoRoomForIsCutAndTheCallReturns) {
+  removeDaemon();
+  errorsOf([] {
+    (void)signal(SIGXFSZ, SIG_IGN);
+    ad_errorlog_printf("the warning goes first\n");
+    StandardError errors;
+    const rlimit three_bytes = {3, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &three_bytes), 0);
+    ad_errorlog_printf("second\n");
+    EXPECT_EQ(errors.take(), "sec");
+    ad_errorlog_printf("third\n");
+    EXPECT_EQ(errors.take(), "");
+  });
+}
+
 TEST_F(ad_debugLogTest, LineOnStandardErrorIsOneWrite) {
   removeDaemon();
   errorsOf([] {

@@ -335,8 +335,12 @@ TEST_F(ad_debugctlTest, UsersOwnRecordIsTakenFirstAndElseTheSuperusers) {
 TEST_F(ad_debugctlTest, RealUserIdCountsAndNotTheEffectiveOne) {
   Daemon superusers("/tmp/ad_errorlog.0");
   Daemon own("/tmp/ad_errorlog.1000");
-  const auto become = [] { ASSERT_EQ(setresuid(kUser, 0, 0), 0); };
-  EXPECT_THAT(controlAs(become, {"show"}).out, StartsWith("record: /tmp/ad_errorlog.1000\n"));
+  const ChildResult result = runInChild([] {
+    ASSERT_EQ(setresuid(kUser, 0, 0), 0);
+    execl(kLoader, kLoader, "--library-path", VELORIN_BUILD "/lib", kProgram, "show", nullptr);
+    _exit(127);
+  });
+  EXPECT_THAT(result.out, StartsWith("record: /tmp/ad_errorlog.1000\n")) << result;
 }
 
 TEST_F(ad_debugctlTest, LongBaseIsCutAsTheLibraryCutsIt) {
@@ -553,6 +557,12 @@ TEST_F(ad_debugctlTest, WrongUsageIsOneMessageAndChangesNothing) {
       {{"Show"}, "ad_debugctl: there is no command 'Show'" + help},
       {{"show", "level"}, "ad_debugctl: 'show' takes no argument" + help},
       {{"watch", "1"}, "ad_debugctl: 'watch' takes no argument" + help},
+      {{"who", "me"}, "ad_debugctl: 'who' takes no argument" + help},
+      {{"doctor", "1"}, "ad_debugctl: 'doctor' takes no argument" + help},
+      {{"reload", ""}, "ad_debugctl: a process has a pid or a name, not ''" + help},
+      {{"--json", "who"}, "ad_debugctl: 'who' has no JSON" + help},
+      {{"--json", "reload"}, "ad_debugctl: 'reload' has no JSON" + help},
+      {{"--json", "doctor"}, "ad_debugctl: 'doctor' has no JSON" + help},
       {{"level"}, "ad_debugctl: 'level' takes one argument" + help},
       {{"level", "1", "2"}, "ad_debugctl: 'level' takes one argument" + help},
       {{"client"}, "ad_debugctl: 'client' takes one argument" + help},
@@ -600,8 +610,9 @@ TEST_F(ad_debugctlTest, HelpNamesEveryCommandAndOptionAndNeedsNoDaemon) {
   EXPECT_EQ(result.exitCode(), 0);
   EXPECT_EQ(result.err, "");
   EXPECT_THAT(result.out, StartsWith("Usage: ad_debugctl "));
-  for (const char* word : {"show", "level 0..4", "client", "server", "watch", "--base", "--path",
-                           "--special", "--json", "--help", "--version"})
+  for (const char* word :
+       {"show", "level 0..4", "client", "server", "watch", "who", "reload [PID|NAME]...", "doctor",
+        "--base", "--path", "--special", "--json", "--help", "--version"})
     EXPECT_THAT(result.out, HasSubstr(std::string("\n  ") + word + " "));
 }
 
@@ -614,7 +625,8 @@ TEST_F(ad_debugctlTest, VersionIsPrinted) {
 
 TEST_F(ad_debugctlTest, OutputThatCannotBeWrittenIsAFailure) {
   Daemon daemon("/tmp/ad_errorlog.0");
-  for (const char* command : {"show", "level 1", "watch", "--help", "--version"}) {
+  for (const char* command :
+       {"show", "level 1", "watch", "who", "reload", "doctor", "--help", "--version"}) {
     const ChildResult result =
         runProgram({"sh", "-c", std::string(kProgram) + " " + command + " > /dev/full"});
     EXPECT_EQ(result.exitCode(), 1) << command;

@@ -1,4 +1,5 @@
 velorin_test(ad_logd_test LABEL diagnostics DEPENDS ad_logd)
+velorin_test(ad_logd_service_test LABEL diagnostics SOURCES support/syslog_listener.cc DEPENDS ad_logd)
 # Sanitizers bring an allocator of their own.
 if(NOT VELORIN_SANITIZE)
   add_library(ad_logd_malloc MODULE ad_logd_malloc.cc)

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/log_daemon.h"
 #include "support/private_world.h"
 #include "velorin/ad_debug"
 
@@ -43,175 +44,6 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
-using Texts = std::vector<std::string>;
-
-constexpr char kProgram[] = VELORIN_BIN "/ad_logd";
-constexpr char kBase[] = "/tmp/ad_errorlog";
-constexpr char kSocket[] = "/tmp/ad_errorlog.0";
-constexpr char kSpecialBase[] = "/tmp/ad_errorlog_sp";
-constexpr char kSpecialSocket[] = "/tmp/ad_errorlog_sp.0";
-constexpr char kListening[] = "ad_logd: listening at ";
-
-// A daemon that is ready.
-class Logd : public Child {
- public:
-  explicit Logd(const Texts& arguments = {}, const Texts& environment = {})
-      : Child(commandLine(arguments), environment) {
-    waitForErr(kListening);
-  }
-
-  // Waits until all that was sent so far is received and written, as far as that can be.
-  bool settle(const std::string& counts) {
-    signal(SIGUSR2);
-    return waitForErr("ad_logd: " + counts + "\n");
-  }
-
-  ChildResult stop() {
-    signal(SIGTERM);
-    return wait();
-  }
-
-  static Texts commandLine(Texts arguments) {
-    arguments.insert(arguments.begin(), kProgram);
-    return arguments;
-  }
-};
-
-// A process that sends datagrams of any form.
-class Sender {
- public:
-  Sender() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const timeval limit = {20, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  }
-  ~Sender() { close(fd_); }
-  Sender(const Sender&) = delete;
-  Sender& operator=(const Sender&) = delete;
-
-  // Sends, waiting while the queue is full; to where it is connected when `path` is empty.
-  // Returns: 0 or an error number.
-  int trySend(const std::string& bytes, const std::string& path = kSocket) const {
-    const sockaddr_un to = address(path);
-    const ssize_t sent = sendto(fd_, bytes.data(), bytes.size(), 0,
-                                path.empty() ? nullptr : reinterpret_cast<const sockaddr*>(&to),
-                                path.empty() ? 0 : sizeof to);
-    return sent < 0 ? errno : 0;
-  }
-
-  void connectTo(const std::string& path) const {
-    const sockaddr_un to = address(path);
-    EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0) << path;
-  }
-
-  void send(const std::string& bytes, const std::string& path = kSocket) const {
-    const int err = trySend(bytes, path);
-    EXPECT_EQ(err, 0) << path << ": " << strerror(err);
-  }
-
- private:
-  static sockaddr_un address(const std::string& path) {
-    sockaddr_un to = {};
-    to.sun_family = AF_UNIX;
-    path.copy(to.sun_path, sizeof to.sun_path - 1);
-    return to;
-  }
-
-  int fd_;
-};
-
-constexpr uint32_t kSecond = 1000000000;  // 2001-09-09 01:46:40 UTC
-
-std::string datagram(const std::string& text, uint32_t sec = kSecond, uint32_t usec = 123) {
-  std::string bytes = text + '\0';
-  bytes.append(reinterpret_cast<const char*>(&sec), sizeof sec);
-  bytes.append(reinterpret_cast<const char*>(&usec), sizeof usec);
-  return bytes;
-}
-
-// The lines of a text; what stands behind the last newline is one too, with "(torn)" behind it.
-Texts lines(const std::string& text) {
-  Texts result;
-  size_t at = 0;
-  while (at < text.size()) {
-    const size_t end = text.find('\n', at);
-    result.push_back(end == std::string::npos ? text.substr(at) + "(torn)"
-                                              : text.substr(at, end - at));
-    at = end == std::string::npos ? text.size() : end + 1;
-  }
-  return result;
-}
-
-// What stands behind the time in a line.
-std::string behindTime(const std::string& line) {
-  constexpr size_t kTime = sizeof "2001-09-09 01:46:40.000123" - 1;
-  return line.size() < kTime ? "(short) " + line : line.substr(kTime);
-}
-
-Texts behindTimes(const std::string& text) {
-  Texts result;
-  for (const std::string& line : lines(text)) result.push_back(behindTime(line));
-  return result;
-}
-
-// What a daemon writes that gets these datagrams.
-std::string linesOf(const Texts& datagrams, const Texts& arguments = {"--utc"},
-                    const Texts& environment = {}) {
-  Logd logd(arguments, environment);
-  const Sender sender;
-  for (const std::string& bytes : datagrams) sender.send(bytes);
-  const ChildResult result = logd.stop();
-  EXPECT_EQ(result.exitCode(), 0) << result;
-  return result.out;
-}
-
-// A process of the library that does one thing each time that it is told to.
-class Worker {
- public:
-  explicit Worker(const std::function<void(char command)>& act) {
-    if (pipe2(commands_, O_CLOEXEC) != 0) abort();
-    child_ = std::make_unique<Child>([this, &act] {
-      close(commands_[1]);
-      char command;
-      while (read(commands_[0], &command, 1) == 1) {
-        act(command);
-        if (write(STDOUT_FILENO, &command, 1) != 1) break;
-      }
-    });
-    close(commands_[0]);
-  }
-  ~Worker() { close(commands_[1]); }
-  Worker(const Worker&) = delete;
-  Worker& operator=(const Worker&) = delete;
-
-  void tell(char command) {
-    done_ += command;
-    ASSERT_EQ(write(commands_[1], &command, 1), 1);
-    child_->waitForOut(done_);
-  }
-
-  const std::string& err() const { return child_->err(); }
-
- private:
-  int commands_[2];
-  std::string done_;
-  std::unique_ptr<Child> child_;
-};
-
-void connectToDaemon() {
-  ad_debug_set_process_name("worker");
-  ad_init_debug_lib(kBase);
-}
-
-ad_debug_cfg_t* recordOf(const char* path) {
-  ad_debug_cfg_t* record = nullptr;
-  EXPECT_EQ(ad_get_ad_debug_cfg_p_no_create(path, &record), 0) << path;
-  return record;
-}
-
-void setLevel(ad_debug_cfg_t* record, int32_t level) {
-  __atomic_store_n(&record->ad_debug_level, level, __ATOMIC_RELAXED);
-}
-
 class ad_logdTest : public PrivateWorld {
  protected:
   ad_logdTest() { removeDaemon(); }
@@ -228,6 +60,24 @@ class ad_logdTest : public PrivateWorld {
     while (::write(fd, page.data(), page.size()) > 0) continue;
     EXPECT_EQ(errno, ENOSPC);
     close(fd);
+  }
+
+  static void makeStaleSocket(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, ""};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+    close(fd);
+  }
+
+  static void waitUntilItWaitsForItsTurn(const Child& logd) {
+    // A waiting lock is listed with an arrow.
+    const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(logd.pid()) + " ";
+    const time_t limit = time(nullptr) + 20;
+    while (read("/proc/locks").find(waiting) == std::string::npos) {
+      ASSERT_LT(time(nullptr), limit) << "it does not wait for its turn";
+      std::this_thread::yield();
+    }
   }
 
   static Texts filesInTmp() {
@@ -401,7 +251,7 @@ TEST_F(ad_logdTest, TheOutputFileObeysTheUmask) {
 TEST_F(ad_logdTest, TheSocketIsNamedByTheRealUser) {
   Child logd([] {
     if (setresuid(1000, 0, 0) != 0) _exit(9);
-    execl(kProgram, kProgram, nullptr);
+    execl(kLoader, kLoader, "--library-path", VELORIN_BUILD "/lib", kProgram, nullptr);
   });
   logd.waitForErr("ad_logd: listening at /tmp/ad_errorlog.1000 (shared record, level 0)\n");
   Sender().send(datagram("here\n"), "/tmp/ad_errorlog.1000");
@@ -483,13 +333,7 @@ TEST_F(ad_logdTest, AStaleSocketIsCheckedAgainWhenItsTurnToReplaceComes) {
   const int turn = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(flock(turn, LOCK_EX), 0);
   Child late({kProgram});
-  // A waiting lock is listed with an arrow.
-  const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(late.pid()) + " ";
-  const time_t limit = time(nullptr) + 20;
-  while (read("/proc/locks").find(waiting) == std::string::npos) {
-    ASSERT_LT(time(nullptr), limit) << "it does not wait for its turn";
-    std::this_thread::yield();
-  }
+  waitUntilItWaitsForItsTurn(late);
   std::filesystem::remove(kSocket);
   LogListener first(kSocket);
   close(turn);
@@ -497,6 +341,52 @@ TEST_F(ad_logdTest, AStaleSocketIsCheckedAgainWhenItsTurnToReplaceComes) {
   EXPECT_THAT(late.err(), HasSubstr("another daemon answers there"));
   Sender().send(datagram("to the first"));
   EXPECT_EQ(first.nextLine(), "to the first");
+}
+
+TEST_F(ad_logdTest, AStaleSocketThatGoesBeforeItsTurnIsNoObstacle) {
+  { Logd().signal(SIGKILL); }
+  const int turn = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(turn, LOCK_EX), 0);
+  Child late({kProgram});
+  waitUntilItWaitsForItsTurn(late);
+  std::filesystem::remove(kSocket);
+  close(turn);
+  late.waitForErr(kListening);
+  Sender().send(datagram("hello\n"));
+  late.waitForOut(" hello\n");
+}
+
+TEST_F(ad_logdTest, AStaleSocketOfARelativePathIsReplaced) {
+  { Logd({"--base", "/tmp/log"}).signal(SIGKILL); }
+  Child logd({"/bin/sh", "-c", std::string("cd /tmp && exec ") + kProgram + " --base log"});
+  logd.waitForErr("ad_logd: listening at log.0 ");
+  Sender().send(datagram("hello\n"), "/tmp/log.0");
+  logd.waitForOut(" hello\n");
+}
+
+// A user's daemon, in directories that the user may not read, or remove others' files from.
+TEST_F(ad_logdTest, AStaleSocketThatItMayNotReplaceIsAnError) {
+  const struct {
+    const char* directory;
+    mode_t mode;
+    const char* why;
+  } rows[] = {{"/tmp/blind", 0733, "Permission denied"},
+              {"/tmp/sticky", 01777, "Operation not permitted"}};
+  for (const auto& row : rows) {
+    const std::string directory = row.directory;
+    const std::string socket_path = directory + "/log.1000";
+    std::filesystem::create_directory(directory);
+    ASSERT_EQ(chmod(row.directory, row.mode), 0);
+    makeStaleSocket(socket_path);
+    ASSERT_EQ(chmod(socket_path.c_str(), 0666), 0);
+    const ChildResult result = runInChild([&] {
+      becomeUser(1000);
+      execl(kProgram, kProgram, "--base", (directory + "/log").c_str(), nullptr);
+    });
+    EXPECT_EQ(result.exitCode(), 1) << directory << result;
+    EXPECT_EQ(result.err, "ad_logd: cannot listen at " + socket_path + ": " + row.why + "\n");
+    EXPECT_TRUE(std::filesystem::is_socket(socket_path));
+  }
 }
 
 TEST_F(ad_logdTest, WhatIsNotASocketIsNeverRemoved) {
@@ -591,16 +481,6 @@ TEST_F(ad_logdTest, TheRecordStaysWhenTheDaemonStops) {
   EXPECT_EQ(status.shm_perm.mode & SHM_DEST, 0);
   EXPECT_EQ(record->ad_debug_level, 3);
   ad_return_ad_debug_cfg_p(record);
-}
-
-// The keys of the files that are made next in /tmp: its files are numbered in the order made.
-std::vector<key_t> nextKeys() {
-  const char* const path = "/tmp/numbered";
-  close(open(path, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-  const key_t key = ftok(path, 100);
-  std::vector<key_t> keys;
-  for (int i = 1; i <= 8; ++i) keys.push_back(key + i);
-  return keys;
 }
 
 TEST_F(ad_logdTest, ARecordThatIsThereIsAdopted) {
@@ -721,6 +601,15 @@ TEST_F(ad_logdTest, TheOldFileIsKeptWhenReopeningFails) {
   EXPECT_THAT(behindTimes(read("/tmp/log.1")), ElementsAre(" kept"));
 }
 
+TEST_F(ad_logdTest, HangupWithoutAnOutputFileChangesNothing) {
+  Logd logd;
+  logd.signal(SIGHUP);
+  EXPECT_TRUE(logd.settle("0 received, 0 malformed, 0 failed"));
+  Sender().send(datagram("hello\n"));
+  logd.waitForOut(" hello\n");
+  EXPECT_THAT(logd.stop().err, EndsWith("ad_logd: 1 received, 0 malformed, 0 failed\n"));
+}
+
 TEST_F(ad_logdTest, SignalsThatConcernOthersChangeNothing) {
   Logd logd;
   logd.signal(SIGHUP);
@@ -826,42 +715,6 @@ TEST_F(ad_logdTest, AFileThatMayNotGrowStopsNothing) {
   logd.signal(SIGTERM);
   EXPECT_EQ(logd.wait().exitCode(), 0);
 }
-
-// The reading end of a FIFO that a daemon writes to.
-class FifoReader {
- public:
-  FifoReader() {
-    mkfifo("/tmp/fifo", 0600);
-    open();
-  }
-  ~FifoReader() { close(fd_); }
-  FifoReader(const FifoReader&) = delete;
-  FifoReader& operator=(const FifoReader&) = delete;
-
-  void open() { fd_ = ::open("/tmp/fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
-  void leave() { close(fd_); }
-
-  // Reads until `count` lines are there; fails the test when they do not come.
-  const std::string& readLines(size_t count) {
-    char room[65536];
-    while (newlines_ < count) {
-      pollfd input = {fd_, POLLIN, 0};
-      const ssize_t size = poll(&input, 1, 20000) > 0 ? ::read(fd_, room, sizeof room) : 0;
-      if (size <= 0) {
-        ADD_FAILURE() << "only " << newlines_ << " of " << count << " lines came";
-        break;
-      }
-      text_.append(room, static_cast<size_t>(size));
-      newlines_ += static_cast<size_t>(std::count(room, room + size, '\n'));
-    }
-    return text_;
-  }
-
- private:
-  int fd_;
-  size_t newlines_ = 0;
-  std::string text_;
-};
 
 TEST_F(ad_logdTest, AReaderThatLagsSlowsSendersDownAndNothingIsLost) {
   constexpr int kCount = 100;
@@ -1113,24 +966,29 @@ TEST_F(ad_logdTest, ManyProcessesLoseNoLine) {
 // ---- The rest ----
 
 #ifdef VELORIN_MALLOC_COUNTER
-std::string allocationsFor(uint32_t count) {
-  Logd logd({"--special", kSpecialBase, "--output", "/tmp/log"},
-            {"LD_PRELOAD=" VELORIN_MALLOC_COUNTER, "TZ=CET-1CEST,M3.5.0,M10.5.0/3"});
+std::string allocationsFor(uint32_t count, const Texts& options) {
+  // Without them it does not look for the records of the daemon before.
+  std::filesystem::remove("/tmp/ad_errorlog.0.records");
+  std::filesystem::remove("/tmp/ad_errorlog_sp.0.records");
+  Texts arguments = {"--special", kSpecialBase, "--output", "/tmp/log"};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  Logd logd(arguments, {"LD_PRELOAD=" VELORIN_MALLOC_COUNTER, "TZ=CET-1CEST,M3.5.0,M10.5.0/3"});
   const Sender sender;
   for (uint32_t i = 0; i < count; ++i) {
     sender.send(datagram("a line\n", i * 400000));
     sender.send("malformed\n", kSpecialSocket);
   }
-  const std::string err = logd.stop().err;
-  const size_t at = err.rfind("failed\n");
-  return at == std::string::npos ? err : err.substr(at + strlen("failed\n"));
+  return lines(logd.stop().err).back();
 }
 
 TEST_F(ad_logdTest, LinesAllocateNoMemory) {
-  const std::string few = allocationsFor(2);
-  EXPECT_THAT(few, MatchesRegex("[0-9]+ allocations\n"));
-  EXPECT_NE(few, "0 allocations\n") << "the counter is not at work";
-  EXPECT_EQ(allocationsFor(5000), few);
+  cover("/dev");  // no syslog server of the machine gets these lines
+  for (const Texts& options : {Texts{}, Texts{"--format=json", "--forward=syslog"}}) {
+    const std::string few = allocationsFor(2, options);
+    EXPECT_THAT(few, MatchesRegex("[0-9]+ allocations"));
+    EXPECT_NE(few, "0 allocations") << "the counter is not at work";
+    EXPECT_EQ(allocationsFor(5000, options), few);
+  }
 }
 #endif
 

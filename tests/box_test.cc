@@ -123,6 +123,13 @@ TEST_F(boxTest, UnknownTokenIsLoggedAndGivesKu) {
   expectInvalid("PELICAN");
 }
 
+TEST_F(boxTest, CharactersBehindTheLettersAreNone) {
+  EXPECT_EQ(roleFor("[\n"), KU_BOX);
+  expectInvalid("\\[");
+  EXPECT_EQ(roleFor("{U\n"), KU_BOX);
+  expectInvalid("[{]U");
+}
+
 TEST_F(boxTest, TokenWithMoreBehindItIsUnknown) {
   EXPECT_EQ(roleFor("TARN_BOX\n"), KU_BOX);
   expectInvalid("TARN_BOX");

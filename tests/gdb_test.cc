@@ -29,6 +29,9 @@ const std::string kSmall =
 const std::string kUncounted = kWide ? "  10   3/8       5000  5111     ?     no  "
                                      : "   5   3/4       5000  5110     ?     no  ";
 
+// A copy of the library in /tmp comes before the library; its libsyslog lies where it was.
+constexpr char kUseCopy[] = "set environment LD_LIBRARY_PATH /tmp:" VELORIN_BUILD "/lib";
+
 const std::string kRegister = "gcSdMgmtROPage";
 const std::string kSmallPool = "gcSdMgmtROPage->pools[2].pool_base";
 
@@ -95,9 +98,9 @@ TEST_F(gdbTest, NeedsOnlyTheSymbolTableOfTheLibrary) {
                         "/tmp/libvelorin-util.so.1"})
                 .exitCode(),
             0);
-  const ChildResult result = inspect(
-      "own", {"kill", "set environment LD_LIBRARY_PATH /tmp", "run",
-              std::string("source ") + kScript, "info sharedlibrary velorin", "velorin pools"});
+  const ChildResult result =
+      inspect("own", {"kill", kUseCopy, "run", std::string("source ") + kScript,
+                      "info sharedlibrary velorin", "velorin pools"});
   EXPECT_THAT(result.out, HasSubstr("/tmp/libvelorin-util.so.1\n")) << result;
   expectPools(result);
 }
@@ -107,8 +110,8 @@ TEST_F(gdbTest, SaysThatTheSymbolTableIsMissing) {
                         "/tmp/libvelorin-util.so.1"})
                 .exitCode(),
             0);
-  const ChildResult result = inspect("own", {"kill", "set environment LD_LIBRARY_PATH /tmp", "run",
-                                             std::string("source ") + kScript, "velorin pools"});
+  const ChildResult result =
+      inspect("own", {"kill", kUseCopy, "run", std::string("source ") + kScript, "velorin pools"});
   EXPECT_THAT(result.err, HasSubstr("velorin-util has no symbol gcSdMgmtROPage: its symbol table "
                                     "is stripped; load it with symbol-file or add-symbol-file"))
       << result;

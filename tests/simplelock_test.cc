@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sched.h>
 #include <stdint.h>
 #include <sys/mman.h>
@@ -52,6 +53,18 @@ TEST(simplelockExportsTest, LibraryHoldsEachFunctionOutOfLine) {
   EXPECT_NE(kExported.lock, nullptr);
   EXPECT_NE(kExported.try_lock, nullptr);
   EXPECT_NE(kExported.unlock, nullptr);
+}
+
+TEST(simplelockExportsTest, KeptTheSpinHasNoPause) {
+  Dl_info info;
+  void* symbol = nullptr;
+  void* const code = reinterpret_cast<void*>(kExported.lock);
+  ASSERT_NE(dladdr1(code, &info, &symbol, RTLD_DL_SYMENT), 0);
+  ASSERT_NE(symbol, nullptr);
+  const size_t size = static_cast<const ElfW(Sym)*>(symbol)->st_size;
+  ASSERT_GT(size, 0u);
+  const std::string bytes(static_cast<const char*>(code), size);
+  EXPECT_EQ(bytes.find("\xF3\x90"), std::string::npos);  // the instruction pause
 }
 
 class simplelockTest : public testing::TestWithParam<Functions> {

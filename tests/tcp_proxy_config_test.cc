@@ -68,6 +68,7 @@ TEST_F(tcp_proxyConfigTest, CheckShowsDefaultsAsSuch) {
             "spawn-upstream: none (default)\n"
             "routes: none (default)\n"
             "prefix: none (default)\n"
+            "digests: no (default)\n"
             "name: tcp_proxy (default)\n"
             "connections: 512 (default)\n"
             "crash-action: coredump (default)\n"
@@ -81,6 +82,7 @@ constexpr char kAllSettings[] =
     "upstream 127.0.0.1:81\n"
     "routes /tmp/routes\n"
     "prefix http://127.0.0.1:80/?u=\n"
+    "digests true\n"
     "name \"the box\"\n"
     "connections 0x10\n"
     "crash_action none\n"
@@ -96,6 +98,7 @@ TEST_F(tcp_proxyConfigTest, CheckShowsEverySettingOfTheFile) {
             "spawn-upstream: none (default)\n"
             "routes: /tmp/routes (file)\n"
             "prefix: http://127.0.0.1:80/?u= (file)\n"
+            "digests: yes (file)\n"
             "name: the box (file)\n"
             "connections: 16 (file)\n"
             "crash-action: none (file)\n"
@@ -107,14 +110,15 @@ TEST_F(tcp_proxyConfigTest, CheckShowsEverySettingOfTheFile) {
 TEST_F(tcp_proxyConfigTest, OptionsWinOverTheFileWhereverTheyStand) {
   write(kSettingsFile, kAllSettings);
   EXPECT_EQ(checked({"--listen=127.0.0.1:90", "--prefix=", "--crash-on-signal", "--elc=box",
-                     "--upstream=127.0.0.1:91", "--routes=", "--name=other", "--connections=3",
-                     "--crash-action=debug"}),
+                     "--upstream=127.0.0.1:91", "--routes=", "--digests=no", "--name=other",
+                     "--connections=3", "--crash-action=debug"}),
             "settings file: /local/local1/elc/box.elc\n"
             "listen: 127.0.0.1:90 (option)\n"
             "upstream: 127.0.0.1:91 (option)\n"
             "spawn-upstream: none (default)\n"
             "routes: none (option)\n"
             "prefix: none (option)\n"
+            "digests: no (option)\n"
             "name: other (option)\n"
             "connections: 3 (option)\n"
             "crash-action: debug (option)\n"
@@ -170,6 +174,12 @@ TEST_F(tcp_proxyConfigTest, OptionTakesTheCrashOnTheSignalBack) {
   EXPECT_THAT(checked({"--elc=box", "--crash-on-signal=no", kListen, kUpstream}),
               HasSubstr("crash-on-signal: no (option)\n"));
   expectRefused({"--crash-on-signal=maybe", kListen, kUpstream}, "not yes or no: maybe");
+}
+
+TEST_F(tcp_proxyConfigTest, DigestsAreAskedForWithOrWithoutAWord) {
+  for (const std::string option : {"--digests", "--digests=yes"})
+    EXPECT_THAT(checked({option, kListen, kUpstream}), HasSubstr("digests: yes (option)\n"));
+  expectRefused({"--digests=md5", kListen, kUpstream}, "not yes or no: md5");
 }
 
 TEST_F(tcp_proxyConfigTest, NameOfTheFileMustNotBeCutOrLeadElsewhere) {
@@ -344,6 +354,7 @@ TEST_F(tcp_proxyConfigTest, CheckShowsRoutesInTheOrderInWhichTheyAreTried) {
   EXPECT_THAT(checked({kListen, std::string("--routes=") + kRoutesFile}),
               EndsWith("routes: /tmp/routes (option)\n"
                        "prefix: none (default)\n"
+                       "digests: no (default)\n"
                        "name: tcp_proxy (default)\n"
                        "connections: 512 (default)\n"
                        "crash-action: coredump (default)\n"

@@ -392,6 +392,69 @@ TEST_F(tcp_proxyTest, LevelTwoShowsConnectionsWithTheirByteCounts) {
   proxy.stop();
 }
 
+// The last lines about a connection that carries `request` and `response`, with digests asked for.
+std::vector<std::string> linesWithDigests(LogListener* log, const std::string& request,
+                                          const std::string& response) {
+  const Socket upstream = listening();
+  Proxy proxy({"--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--digests"});
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  EXPECT_THAT(log->nextLine(), HasSubstr("opened"));
+  client.send(request);
+  client.endOutput();
+  EXPECT_EQ(server.receiveAll(), request);
+  server.send(response);
+  server.endOutput();
+  EXPECT_EQ(client.receiveAll(), response);
+  std::vector<std::string> lines = {log->nextLine(), log->nextLine()};
+  EXPECT_THAT(lines[0],
+              MatchesRegex(proxy.line("TRCE", "connection",
+                                      "digests " + localAddress(client) + " -> 127.0.0.1:" +
+                                          std::to_string(upstream.port()) + ": .*")));
+  EXPECT_THAT(lines[1], HasSubstr("-> closed "));
+  proxy.stop();
+  return lines;
+}
+
+TEST_F(tcp_proxyTest, DigestsAreOfWhatTheClientGot) {
+  setLevel(2);
+  EXPECT_THAT(linesWithDigests(&log(), "not these", "abc")[0],
+              EndsWith(": MD5 900150983cd24fb0d6963f7d28e17f72, SHA-1 "
+                       "qZk+NkcGgWq6PiVxeFDCbJzQ2J0= of what the client got"));
+}
+
+TEST_F(tcp_proxyTest, DigestsOfManyChunksAreThoseOfTheWhole) {
+  setLevel(2);
+  EXPECT_THAT(linesWithDigests(&log(), "", std::string(100000, 'a'))[0],
+              EndsWith(": MD5 1af6d6f2f682f76f80e606aeaaee1680, SHA-1 "
+                       "xNSzCFEYL8TrhnVJTUL9fxfinJM= of what the client got"));
+}
+
+TEST_F(tcp_proxyTest, DigestsOfNothingAreThoseOfTheEmptyMessage) {
+  setLevel(2);
+  EXPECT_THAT(linesWithDigests(&log(), "", "")[0],
+              EndsWith(": MD5 d41d8cd98f00b204e9800998ecf8427e, SHA-1 "
+                       "2jmj7l5rSw0yVb/vlWAYkK/YBwk= of what the client got"));
+}
+
+TEST_F(tcp_proxyTest, ConnectionsWithDigestsMakeRoomForTheNext) {
+  const Socket upstream = listening();
+  Proxy proxy(
+      {"--upstream=127.0.0.1:" + std::to_string(upstream.port()), "--digests", "--connections=2"});
+  setLevel(2);
+  for (int i = 0; i < 100; ++i) {  // more than a page holds
+    {
+      const Socket client = proxy.client();
+      const Socket server = upstream.accepted();
+      server.send("x");
+      EXPECT_EQ(client.receive(1), "x");
+    }
+    for (const char* expected : {"-> opened", "-> digests", "-> closed"})
+      ASSERT_THAT(log().nextLine(), HasSubstr(expected));
+  }
+  proxy.stop();
+}
+
 TEST_F(tcp_proxyTest, LevelThreeShowsEveryChunk) {
   const Socket upstream = listening();
   Proxy proxy(upstream.port());
@@ -431,6 +494,7 @@ TEST_F(tcp_proxyTest, ClientFilterDropsEveryLineOfOtherClientsEvenErrors) {
   // Lines that belong to no connection pass.
   proxy.child().signal(SIGTERM);
   EXPECT_THAT(log().nextLine(), EndsWith("Terminated: stopping with 0 connections open"));
+  EXPECT_THAT(log().nextLine(), HasSubstr("-> served 3 connections "));
   proxy.stop();
   EXPECT_EQ(log().waiting().size(), 0U);
 }
@@ -662,6 +726,41 @@ TEST_P(tcp_proxyStopTest, EndsItsConnectionsAndExitsWithZero) {
               EndsWith(std::string(strsignal(GetParam())) + ": stopping with 2 connections open"));
   for (int i = 0; i < 2; ++i)
     EXPECT_THAT(log().nextLine(), EndsWith(": 0 bytes to upstream, 0 bytes to client; stopped"));
+}
+
+TEST_F(tcp_proxyTest, StopSumsUpWhatWasServed) {
+  const Socket upstream = listening();
+  const time_t before = time(nullptr);
+  Proxy proxy(upstream.port());
+  const time_t after = time(nullptr);
+  {
+    const Socket client = proxy.client();
+    const Socket server = upstream.accepted();
+    client.send("12345");
+    client.endOutput();
+    EXPECT_EQ(server.receiveAll(), "12345");
+    server.send("1234567");
+    server.endOutput();
+    EXPECT_EQ(client.receiveAll(), "1234567");
+  }
+  const Socket client = proxy.client();
+  const Socket server = upstream.accepted();
+  client.send("123");
+  EXPECT_EQ(server.receive(3), "123");
+  setLevel(2);
+  proxy.stop();
+  EXPECT_THAT(log().nextLine(), HasSubstr("stopping with 1 connections open"));
+  EXPECT_THAT(log().nextLine(), HasSubstr("closed"));
+  const std::string line = log().nextLine();
+  EXPECT_THAT(line, MatchesRegex(proxy.line("TRCE", "proxy",
+                                            "served 2 connections and 15 bytes since .* GMT, for "
+                                            "[0-9]+ seconds: [0-9.]+(e-?3)? bytes a second")));
+  tm date = {};
+  const char* const text = strstr(line.c_str(), "since ");
+  ASSERT_NE(text, nullptr);
+  ASSERT_NE(strptime(text, "since %a, %d %b %Y %H:%M:%S GMT", &date), nullptr) << line;
+  EXPECT_GE(timegm(&date), before);
+  EXPECT_LE(timegm(&date), after);
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, tcp_proxyStopTest, testing::Values(SIGTERM, SIGINT),

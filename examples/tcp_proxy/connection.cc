@@ -69,9 +69,10 @@ Connection::Side::Side(Connection* connection, EventLoop& loop, const char* its_
       watch(loop, fd.get(),
             [this, connection](uint32_t events) { connection->onEvents(this, events); }) {}
 
-void Connection::reserve(int count) {
+void Connection::reserve(int count, bool digests) {
   records.create(count, sizeof(Connection), /*secret=*/false);
   Relay::reserve(2 * count);
+  if (digests) Digests::reserve(count);
 }
 
 void* Connection::operator new(size_t) {
@@ -83,11 +84,15 @@ void Connection::operator delete(void* memory) noexcept {
 }
 
 Connection::Connection(EventLoop& loop, Fd client, const sockaddr_in& client_address, Fd upstream,
-                       const sockaddr_in& upstream_address, const std::string& prefix)
+                       const sockaddr_in& upstream_address, const std::string& prefix, bool digests)
     : client_(this, loop, "client", std::move(client), client_address),
       upstream_(this, loop, "upstream", std::move(upstream), upstream_address) {
   tune(client_.fd.get());
   tune(upstream_.fd.get());
+  if (digests) {
+    digests_ = std::make_unique<Digests>();
+    upstream_.input.setDigests(digests_.get());
+  }
   if (prefix.empty()) return;
   playlists_ = std::make_unique<PlaylistFilter>(prefix, route());
   client_.input.setFilter(&playlists_->requests);
@@ -204,6 +209,8 @@ void Connection::fail(const Side& side, int err) {
 
 // Without a reason both directions have come to their end.
 void Connection::end(const std::string& reason) {
+  if (digests_)
+    AD_TRCE("digests %s: %s of what the client got\n", route().c_str(), digests_->finish().c_str());
   AD_TRCE("closed %s: %" PRIu64 " bytes to upstream, %" PRIu64 " bytes to client%s%s\n",
           route().c_str(), client_.input.passedOn(), upstream_.input.passedOn(),
           reason.empty() ? "" : "; ", reason.c_str());

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "digests.h"
 #include "event_loop.h"
 #include "fd.h"
 #include "playlist_filter.h"
@@ -20,17 +21,19 @@
 // one. The log lines that it writes belong to its client and server addresses.
 class Connection {
  public:
-  // Makes room for `count` connections. Called once, before there are any. Throws Exception.
-  static void reserve(int count);
+  // Makes room for `count` connections, with digests where they are wanted. Called once, before
+  // there are any. Throws Exception.
+  static void reserve(int count, bool digests);
 
   // From that room; throws std::bad_alloc when it is used up.
   static void* operator new(size_t size);
   static void operator delete(void* memory) noexcept;
 
   // Both sockets are non-blocking; `upstream` is not connected yet. Links in playlists get the
-  // `prefix`, which must outlive this; an empty one leaves them alone.
+  // `prefix`, which must outlive this; an empty one leaves them alone. With `digests` those of what
+  // the client got are logged in the end.
   Connection(EventLoop& loop, Fd client, const sockaddr_in& client_address, Fd upstream,
-             const sockaddr_in& upstream_address, const std::string& prefix);
+             const sockaddr_in& upstream_address, const std::string& prefix, bool digests);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -40,6 +43,9 @@ class Connection {
 
   // Ends it now.
   void abort(const char* reason);
+
+  // Bytes so far, in both directions.
+  uint64_t passedOn() const { return client_.input.passedOn() + upstream_.input.passedOn(); }
 
  private:
   struct Side {
@@ -68,6 +74,7 @@ class Connection {
   Side client_;
   Side upstream_;
   std::unique_ptr<PlaylistFilter> playlists_;  // null: bytes pass unseen
+  std::unique_ptr<Digests> digests_;           // null: not wanted
   std::function<void()> on_end_;
   bool connecting_ = false;
   bool ended_ = false;

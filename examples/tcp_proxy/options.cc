@@ -36,6 +36,8 @@ constexpr char kHelp[] =
     "                        those that no line is for\n"
     "  --prefix URL          put URL in front of the links to http, mms and rtsp servers in\n"
     "                        SMIL and ASX playlists of at most 1 MiB that HTTP servers send\n"
+    "  --digests[=yes|no]    log the MD5 and SHA-1 of what each client got, at the end of its\n"
+    "                        connection (default: no; yes without a word)\n"
     "  --name NAME           the process name in the log (default: tcp_proxy)\n"
     "  --connections N       serve N clients at most, 1 to 60000 (default: 512); more have to\n"
     "                        wait\n"
@@ -46,8 +48,8 @@ constexpr char kHelp[] =
     "                        a word)\n"
     "  --elc NAME            take settings that no option gives from the file\n"
     "                        /local/local1/elc/NAME.elc, lines of a name and a value: listen,\n"
-    "                        upstream, routes, prefix, name, connections, crash_action,\n"
-    "                        crash_on_signal\n"
+    "                        upstream, routes, prefix, digests, name, connections,\n"
+    "                        crash_action, crash_on_signal\n"
     "  --check               show the settings, where they come from, and the routes, and exit\n"
     "  --help                show this text and exit\n"
     "  --version             show the version and exit\n"
@@ -67,6 +69,7 @@ constexpr option kOptions[] = {{"listen", required_argument, nullptr, kListen},
                                {"spawn-upstream", optional_argument, nullptr, kSpawnUpstream},
                                {"routes", required_argument, nullptr, kRoutes},
                                {"prefix", required_argument, nullptr, kPrefix},
+                               {"digests", optional_argument, nullptr, kDigests},
                                {"name", required_argument, nullptr, kName},
                                {"connections", required_argument, nullptr, kConnections},
                                {"crash-action", required_argument, nullptr, kCrashAction},
@@ -123,8 +126,9 @@ std::optional<Settings> parseOptions(int argc, char** argv, int* exit_status) {
               exit_status);
         texts.setOption(kSpawnUpstream, optarg != nullptr ? optarg : "");
         break;
+      case kDigests:
       case kCrashOnSignal:
-        texts.setOption(kCrashOnSignal, optarg != nullptr ? optarg : "yes");
+        texts.setOption(static_cast<SettingId>(chosen), optarg != nullptr ? optarg : "yes");
         break;
       case kShowHelp:
         return show(kHelp, exit_status);

@@ -50,6 +50,7 @@ void mustWant(Watch* watch, uint32_t events) {
 Proxy::Proxy(const Settings& settings)
     : routes_(settings.routes),
       prefix_(settings.prefix),
+      digests_(settings.digests),
       connections_max_(static_cast<size_t>(settings.connections)),
       listener_(listenAt(settings.listen)),
       listener_watch_(loop_, listener_.get(), [this](uint32_t) { acceptClients(); }),
@@ -58,7 +59,7 @@ Proxy::Proxy(const Settings& settings)
       retry_(opened(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create")),
       retry_watch_(loop_, retry_.get(), [this](uint32_t) { onRetry(); }) {
   for (Watch* watch : {&listener_watch_, &signals_watch_, &retry_watch_}) mustWant(watch, EPOLLIN);
-  Connection::reserve(settings.connections);
+  Connection::reserve(settings.connections, digests_);
 }
 
 sockaddr_in Proxy::address() const {
@@ -78,6 +79,7 @@ void Proxy::run() {
   }
   while (!connections_.empty()) connections_.front()->abort("stopped");
   ended_.clear();
+  AD_TRCE("%s\n", summary_.text().c_str());
 }
 
 void Proxy::acceptClients() {
@@ -106,13 +108,14 @@ int Proxy::acceptClient() {
   try {
     connections_.push_back(
         std::make_unique<Connection>(loop_, std::move(client), address, std::move(next_upstream_),
-                                     routes_.upstreamOf(address.sin_addr), prefix_));
+                                     routes_.upstreamOf(address.sin_addr), prefix_, digests_));
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }
   short_of_resources_ = false;
   const auto connection = std::prev(connections_.end());
   (*connection)->open([this, connection] {
+    summary_.add((*connection)->passedOn());
     ended_.splice(ended_.end(), connections_, connection);
   });
   return 0;

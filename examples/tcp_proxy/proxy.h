@@ -13,6 +13,7 @@
 #include "event_loop.h"
 #include "fd.h"
 #include "settings.h"
+#include "summary.h"
 
 // Owns the listening socket and all connections. From its construction on, SIGTERM and SIGINT are
 // blocked and mean: stop. Where the settings say so SIGUSR2 means: crash. One per process.
@@ -38,6 +39,7 @@ class Proxy {
 
   const Routes routes_;
   const std::string prefix_;
+  const bool digests_;
   const size_t connections_max_;
   EventLoop loop_;
   Fd listener_;
@@ -49,6 +51,7 @@ class Proxy {
   Fd next_upstream_;  // the socket of the next connection
   std::list<std::unique_ptr<Connection>> connections_;
   std::list<std::unique_ptr<Connection>> ended_;
+  Summary summary_;
   bool accepting_ = true;
   bool short_of_resources_ = false;
   bool stopping_ = false;

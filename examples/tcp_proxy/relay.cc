@@ -45,6 +45,7 @@ int Relay::passOn(int to) {
     const ssize_t count = send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return failureOf(errno);
+    if (digests_ != nullptr) digests_->add(bytes.substr(0, static_cast<size_t>(count)));
     sent(static_cast<size_t>(count));
   }
   if (!input_ended_ || finished_) return 0;

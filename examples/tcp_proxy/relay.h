@@ -8,6 +8,7 @@
 
 #include <string_view>
 
+#include "digests.h"
 #include "filter.h"
 
 // Holds one chunk at a time. Nothing more is taken before the chunk has left, so that a slow
@@ -27,6 +28,9 @@ class Relay {
   // Lets `filter`, which must live as long as bytes are moved, look at what is passed on. Called
   // before the first.
   void setFilter(Filter* filter) { filter_ = filter; }
+
+  // Adds what is passed on to `digests`, which must live as long. Called before the first.
+  void setDigests(Digests* digests) { digests_ = digests; }
 
   bool wantsInput() const { return !wantsOutput() && !input_ended_; }
   bool wantsOutput() const {
@@ -57,6 +61,7 @@ class Relay {
   void sent(size_t size);
 
   Filter* filter_ = nullptr;
+  Digests* digests_ = nullptr;
   size_t passing_ = 0;  // bytes of the chunk that its filter has let pass
   size_t begin_ = 0;
   size_t end_ = 0;

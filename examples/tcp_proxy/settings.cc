@@ -29,6 +29,7 @@ constexpr Setting kSettings[kSettingCount] = {
     {"spawn-upstream", nullptr, nullptr, ELC_STR},
     {"routes", nullptr, "routes", ELC_STR},
     {"prefix", nullptr, "prefix", ELC_STR},
+    {"digests", kNo, "digests", ELC_BOOL},
     {"name", "tcp_proxy", "name", ELC_STR},
     {"connections", "512", "connections", ELC_UINT},
     {"crash-action", "coredump", "crash_action", ELC_STR},
@@ -144,9 +145,9 @@ sig_signal_action crashActionOf(const SettingTexts& texts) {
   refuse(texts, kCrashAction, "not an action after a crash: ");
 }
 
-bool crashOnSignalOf(const SettingTexts& texts) {
-  const std::string text = textOf(texts, kCrashOnSignal);
-  if (text != kYes && text != kNo) refuse(texts, kCrashOnSignal, "not yes or no: ");
+bool isYes(const SettingTexts& texts, SettingId id) {
+  const std::string text = textOf(texts, id);
+  if (text != kYes && text != kNo) refuse(texts, id, "not yes or no: ");
   return text == kYes;
 }
 
@@ -209,10 +210,11 @@ Settings understand(const SettingTexts& texts) {
   settings.spawn_upstream = spawn.text.has_value();
   settings.upstream_directory = spawn.text.value_or("");
   settings.prefix = prefixOf(texts);
+  settings.digests = isYes(texts, kDigests);
   settings.name = textOf(texts, kName);
   settings.connections = connectionsOf(texts);
   settings.crash_action = crashActionOf(texts);
-  settings.crash_on_signal = crashOnSignalOf(texts);
+  settings.crash_on_signal = isYes(texts, kCrashOnSignal);
 
   if (!listen) throw Exception("--listen is missing");
   settings.listen = *listen;

@@ -16,6 +16,7 @@ enum SettingId {
   kSpawnUpstream,
   kRoutes,
   kPrefix,
+  kDigests,
   kName,
   kConnections,
   kCrashAction,
@@ -48,6 +49,7 @@ struct Settings {
   bool spawn_upstream = false;     // the upstream server is ours to start and stop
   std::string upstream_directory;  // what it serves; empty: the working directory
   std::string prefix;              // of the links in playlists; empty: they are left alone
+  bool digests = false;            // of what clients get are logged
   std::string name;                // at the head of every log line
   int connections = 0;             // so many clients at most
   sig_signal_action crash_action = SIGNAL_ACTION_COREDUMP;

@@ -40,7 +40,7 @@ class javaTest : public PrivateWorld {
   }
   const Strings runtime_ = {"LD_LIBRARY_PATH=" VELORIN_JAVA_UNPACKED "/lib/i386-linux-gnu"};
 #else
-  const Strings runtime_;
+  const Strings runtime_ = {};
 #endif
 
   // Small and interpreted, so that many start at a time; the JVM itself reports, on standard

@@ -9,6 +9,12 @@
 #include <string>
 #include <vector>
 
+// The dynamic loader of the tests' own width. A process whose effective user is not its real one
+// follows no $ORIGIN, by which the library finds its libsyslog: a test that makes such a process
+// starts the program by its loader, which gets the folder of the libraries with --library-path.
+constexpr const char* kLoader =
+    sizeof(void*) == 8 ? "/lib64/ld-linux-x86-64.so.2" : "/lib/ld-linux.so.2";
+
 // How a child ended and what it wrote.
 struct ChildResult {
   int status = 0;  // as waitpid gives it

@@ -4,8 +4,8 @@
 #include <stdio.h>
 
 #include "common/command.h"
+#include "common/text.h"
 #include "symbolizer.h"
-#include "text.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "elf.h"
-#include "file.h"
+#include "common/elf.h"
+#include "common/file.h"
 #include "process.h"
 #include "trace.h"
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "file.h"
+#include "common/proc.h"
 
 // Who has the pid now.
 enum class Owner {
@@ -21,18 +21,13 @@ Owner owner_of(pid_t pid, const std::string& program, const timespec& trace_writ
 // How `list` and `decode` say it.
 const char* words_of(Owner owner);
 
-// The program file that the process runs, by its name; empty when it cannot be seen.
-std::string program_file_of(pid_t pid);
-
-// The program file, or the file that the process has mapped from `path`, as it was when it was
-// mapped, whatever the path leads to by now. For a mapping that may not be opened, `*id` still
-// tells which file it is.
+// The file that the process has mapped from `path`, as it was when it was mapped, whatever the path
+// leads to by now. For a mapping that may not be opened, `*id` still tells which file it is.
 struct FileId {
   dev_t device = 0;
   ino_t inode = 0;       // 0: not known
   bool removed = false;  // from its directory
 };
-Fd open_running_program(pid_t pid, std::string* why);
 Fd open_mapped(pid_t pid, const std::string& path, FileId* id, std::string* why);
 
 #endif  // VELORIN_AD_CRASH_process_

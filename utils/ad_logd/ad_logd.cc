@@ -4,6 +4,7 @@
 #include <inttypes.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -11,23 +12,36 @@
 #include <unistd.h>
 
 #include <initializer_list>
+#include <iterator>
 
 #include "line_output.h"
 #include "log_line.h"
 #include "log_socket.h"
 #include "options.h"
 #include "say.h"
+#include "service_manager.h"
+#include "syslog_forward.h"
 
 namespace {
 
 constexpr int kBatch = 1024;               // datagrams of one socket, more than a queue holds
 constexpr int kRetryMilliseconds = 1000;   // between attempts to write after an error
+constexpr int kLookMilliseconds = 200;     // between looks at the records of former sockets
 constexpr int kFinishMilliseconds = 5000;  // a blocked output gets to take the last lines
+
+int64_t milliseconds() {
+  timespec time;
+  (void)clock_gettime(CLOCK_MONOTONIC, &time);
+  return int64_t{1000} * time.tv_sec + time.tv_nsec / 1000000;
+}
 
 class Daemon {
  public:
   explicit Daemon(const Options& options)
-      : log_(options.log), special_(options.special), lines_(options.utc) {}
+      : log_(options.log),
+        special_(options.special),
+        lines_(options.format, options.utc),
+        syslog_(options.syslog) {}
 
   // Returns: false, having said why, when the daemon cannot do its work.
   bool open(const char* output);
@@ -36,9 +50,14 @@ class Daemon {
   void run();
 
  private:
+  static void ignoreSignals();
+  bool openSockets();
   bool openSignals();
+  bool hasFormers() const { return log_.hasFormers() || special_.hasFormers(); }
   void sayListening() const;
   void sayCounts() const;
+  void keepFormersInStep();
+  int patience() const;
   void wait();
   bool receiveAll();
   bool receive(const LogSocket& socket);
@@ -48,13 +67,18 @@ class Daemon {
   void flush();
   void handleSignal(uint32_t number);
   void finish();
+  void finishOutput();
+  void finishForward();
 
   LogSocket log_;
   LogSocket special_;
   LineMaker lines_;
   LineOutput output_;
+  const bool syslog_;
+  SyslogForward forward_;
   int signals_ = -1;
   bool stopping_ = false;
+  int64_t next_look_ = 0;  // at the records of former sockets, in milliseconds
   uint64_t received_ = 0;
   uint64_t malformed_ = 0;
   uint64_t failed_ = 0;  // lines that were not written
@@ -63,9 +87,11 @@ class Daemon {
 };
 
 bool Daemon::open(const char* output) {
-  if (output_.open(output) && log_.open() && (!special_.named() || special_.open()) &&
-      openSignals()) {
+  ignoreSignals();
+  if (output_.open(output) && openSockets() && openSignals()) {
+    if (syslog_) forward_.open(&log_, &special_);
     sayListening();
+    tellServiceManager("READY=1");
     return true;
   }
   log_.retire();
@@ -73,15 +99,30 @@ bool Daemon::open(const char* output) {
   return false;
 }
 
-bool Daemon::openSignals() {
-  // Errors of writing are handled where they occur; signal 10 reloads the settings of the processes
-  // that log and may well be sent to all of a user's processes.
+bool Daemon::openSockets() {
+  if (!adoptSockets(&log_, &special_)) return false;
+  // Both before either is opened: a new socket may get the record that the other one had.
+  log_.recall();
+  if (special_.named()) special_.recall();
+  if (!log_.open() || (special_.named() && !special_.open())) return false;
+  log_.followFormers(special_);
+  special_.followFormers(log_);
+  return true;
+}
+
+// Errors of writing are handled where they occur; signal 10 reloads the settings of the processes
+// that log and may well be sent to all of a user's processes.
+void Daemon::ignoreSignals() {
   for (const int number : {SIGPIPE, SIGXFSZ, SIGUSR1}) (void)signal(number, SIG_IGN);
+}
+
+bool Daemon::openSignals() {
   sigset_t handled;
   (void)sigemptyset(&handled);
   for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR2}) (void)sigaddset(&handled, number);
   (void)sigprocmask(SIG_BLOCK, &handled, nullptr);
   signals_ = signalfd(-1, &handled, SFD_NONBLOCK | SFD_CLOEXEC);
+  // LCOV_EXCL_BR_NEXT: only without descriptors
   if (signals_ < 0) say("cannot receive signals: %s", strerror(errno));
   return signals_ >= 0;
 }
@@ -95,8 +136,11 @@ void Daemon::sayListening() const {
 }
 
 void Daemon::sayCounts() const {
-  say("%" PRIu64 " received, %" PRIu64 " malformed, %" PRIu64 " failed", received_, malformed_,
-      failed_);
+  char forward[64] = "";
+  if (syslog_)
+    (void)snprintf(forward, sizeof forward, ", %" PRIu64 " not forwarded", forward_.unsent());
+  say("%" PRIu64 " received, %" PRIu64 " malformed, %" PRIu64 " failed%s", received_, malformed_,
+      failed_, forward);
 }
 
 void Daemon::run() {
@@ -107,6 +151,7 @@ void Daemon::run() {
     const ssize_t size = read(signals_, signals, sizeof signals);
     (void)receiveAll();
     flush();
+    keepFormersInStep();
     for (ssize_t i = 0; i * static_cast<ssize_t>(sizeof signals[0]) < size; ++i) {
       handleSignal(signals[i].ssi_signo);
     }
@@ -115,15 +160,31 @@ void Daemon::run() {
   sayCounts();
 }
 
+void Daemon::keepFormersInStep() {
+  if (!hasFormers()) return;
+  const int64_t time = milliseconds();
+  if (time < next_look_) return;
+  next_look_ = time + kLookMilliseconds;
+  log_.keepFormersInStep();
+  special_.keepFormersInStep();
+}
+
+// How long to wait for something to happen.
+int Daemon::patience() const {
+  if (hasFormers()) return kLookMilliseconds;
+  return output_.failing() || forward_.failing() ? kRetryMilliseconds : -1;
+}
+
 void Daemon::wait() {
   const bool full = output_.blocked() && output_.room() == nullptr;
   // While the output is full the queues fill up and tell the senders.
   const short taken = full ? 0 : POLLIN;
   pollfd fds[] = {{signals_, POLLIN, 0},
                   {output_.blocked() ? output_.fd() : -1, POLLOUT, 0},
+                  {forward_.blocked() ? forward_.fd() : -1, POLLOUT, 0},
                   {log_.fd(), taken, 0},
                   {special_.fd(), taken, 0}};
-  (void)poll(fds, 4, output_.failing() ? kRetryMilliseconds : -1);
+  (void)poll(fds, std::size(fds), patience());
 }
 
 // Returns: whether more may be queued.
@@ -136,7 +197,7 @@ bool Daemon::receive(const LogSocket& socket) {
   if (socket.fd() < 0) return false;
   for (int i = 0; i < kBatch; ++i) {
     if (!makeRoom()) return true;
-    const ssize_t size = recv(socket.fd(), datagram_, sizeof datagram_, MSG_TRUNC);
+    const ssize_t size = recv(socket.fd(), datagram_, sizeof datagram_, MSG_TRUNC | MSG_DONTWAIT);
     if (size < 0) return false;
     take(datagram_, static_cast<size_t>(size), &socket == &special_);
   }
@@ -154,6 +215,7 @@ void Daemon::take(const char* bytes, size_t size, bool special) {
   const LogDatagram datagram = takeApart(bytes, size);
   ++received_;
   if (datagram.malformed) ++malformed_;
+  if (forward_.active()) forward_.add(datagram, special);
   tellLoss();
   if (char* const at = output_.room()) return output_.add(lines_.make(at, datagram, special));
   ++failed_;
@@ -170,6 +232,7 @@ void Daemon::tellLoss() {
 }
 
 void Daemon::flush() {
+  if (forward_.active()) forward_.flush();
   output_.flush();
   if (untold_ == 0 || output_.failing()) return;
   tellLoss();
@@ -186,11 +249,16 @@ void Daemon::handleSignal(uint32_t number) {
   }
 }
 
-// Takes and writes what was sent up to now. A blocked output gets time, but not after another
-// signal.
+// Takes and writes what was sent up to now.
 void Daemon::finish() {
   log_.retire();
   special_.retire();
+  finishOutput();
+  if (forward_.active()) finishForward();
+}
+
+// A blocked output gets time, but not after another signal.
+void Daemon::finishOutput() {
   bool more = true;
   while (more || output_.blocked()) {
     more = receiveAll();
@@ -201,6 +269,16 @@ void Daemon::finish() {
     if (ready == 0 || fds[1].revents != 0) output_.fail(ETIMEDOUT);
   }
   failed_ += output_.waiting();
+}
+
+// So does a syslog server that lags.
+void Daemon::finishForward() {
+  while (forward_.blocked()) {
+    pollfd fds[] = {{forward_.fd(), POLLOUT, 0}, {signals_, POLLIN, 0}};
+    const int ready = poll(fds, 2, kFinishMilliseconds);
+    if (ready == 0 || fds[1].revents != 0) return;
+    forward_.flush();
+  }
 }
 
 // Without it a socket could get the number of a closed standard stream. Writing to what is opened

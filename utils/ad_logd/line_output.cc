@@ -69,7 +69,7 @@ void LineOutput::flush() {
       continue;
     }
     const int err = count < 0 ? errno : EIO;
-    if (err == EINTR) continue;
+    if (err == EINTR) continue;  // LCOV_EXCL_BR_LINE: no handler is installed
     if (err != EAGAIN) fail(err);
     break;
   }

@@ -49,7 +49,7 @@ class LineOutput {
   int error_ = 0;
   size_t sent_ = 0;  // of the text in lines_
   size_t end_ = 0;
-  char lines_[4 * kLineMax];
+  char lines_[4 * kLineMax];  // two MiB
 };
 
 #endif  // VELORIN_AD_LOGD_line_output_

@@ -2,12 +2,15 @@
 #ifndef VELORIN_AD_LOGD_options_
 #define VELORIN_AD_LOGD_options_
 
+#include "log_line.h"
 #include "log_socket.h"
 
 struct Options {
   LogSocket log;
   LogSocket special;             // not named: none is wanted
   const char* output = nullptr;  // null: standard output
+  Format format = Format::kText;
+  bool syslog = false;  // forward the lines
   bool utc = false;
 };
 

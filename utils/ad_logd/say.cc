@@ -16,5 +16,6 @@ void say(const char* fmt, ...) {
   const size_t len = strlen(line);
   line[len] = '\n';
   // Nobody is left to tell that standard error cannot be written.
-  if (write(STDERR_FILENO, line, len + 1) < 0) return;
+  const ssize_t wrote = write(STDERR_FILENO, line, len + 1);
+  (void)wrote;
 }

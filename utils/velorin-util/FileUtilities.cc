@@ -130,6 +130,7 @@ time_t lastModificationTime(const std::string& name) {
   return stat(name.c_str(), &status) == 0 ? status.st_mtime : -1;
 }
 
+// Kept: somebody may execute it, not necessarily this process.
 bool isExecutableFile(const std::string& name) {
   struct stat status;
   return stat(name.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&

@@ -65,6 +65,7 @@ bool ends_within_polls(pid_t pid) {
 }
 
 // Splits `text` in place at runs of blanks and stores the words in `argv`, which holds `maxarg`.
+// Kept: nothing quotes a blank, and other white space belongs to its word.
 // Returns: the number of words; `maxarg` when there are more than fit in front of the null.
 int split_at_blanks(char* text, char** argv) {
   int argc = 0;
@@ -141,6 +142,7 @@ Launcher_t* Launcher_new(const char* command) {
   memcpy(launcher->name, command, size);
 
   AD_TRCE("Launching %s", launcher->name);
+  // Kept: the child keeps what it inherits, open descriptors and blocked signals included.
   launcher->pid = fork();
   if (launcher->pid == -1) {
     const int err = errno;
@@ -160,11 +162,14 @@ Launcher_t* Launcher_new(const char* command) {
   const int err = errno;
   AD_ERRO("exec %s: %s", argv[0], strerror(err));
   free_record(launcher);
+  // Kept: exit handlers that the caller has installed run in the child too.
   exit(kChildFailed);
 }
 
 void Launcher_delete(Launcher_t* launcher) {
   AD_TRCE("Unlaunching %s", launcher->name);
+  // Kept: there is no end but the process's; a process that cannot be reaped is waited for as long
+  // as it is there.
   for (int attempt = 0; launcher->pid != -1; ++attempt) {
     const int number = signal_of(attempt);
     if (kill(launcher->pid, number) != 0) {
@@ -184,6 +189,7 @@ Launcher_t* Launcher_newHttpd(const char* arguments) {
     return nullptr;
   }
   char command[kCommandRoom];
+  // Kept: a longer command is cut without a word.
   (void)snprintf(command, sizeof command, "thttpd -D -p %d -l thttpd.log %s", port,
                  arguments != nullptr ? arguments : "");
   Launcher_t* const launcher = Launcher_new(command);
@@ -230,6 +236,7 @@ std::vector<char*> argumentVector(std::vector<std::string>* words) {
   (void)execvp(argv[0], argv);
   const std::string reason = SystemError();
   Logger::warn(std::string("exec `") + argv[0] + "': " + reason);
+  // Kept: as in Launcher_new, the caller's exit handlers run in the child.
   exit(kChildFailed);
 }
 

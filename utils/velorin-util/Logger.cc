@@ -49,6 +49,7 @@ LogSender sender = {
     report_unsent};
 
 void initialise_client() {
+  // Kept: a client that fails is not tried again; all that is for it is dropped without a word.
   __atomic_store_n(&ok, ku_syslog_init() == 0, __ATOMIC_RELAXED);
   __atomic_store_n(&init, 1, __ATOMIC_RELEASE);
 }
@@ -89,6 +90,7 @@ void Logger::initialize() {}
 void Logger::put(int priority, int id, const std::string& message) {
   if (!initialised()) initialise_client();
   if (!usable()) return;
+  // Kept: an empty message is recorded as one that was null.
   (void)ku_syslog(priority, kZamModule, kSyslogZero, static_cast<uint32_t>(id), "%s",
                   message.empty() ? kNullMessage : message.c_str());
 }

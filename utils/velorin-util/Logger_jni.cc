@@ -56,6 +56,7 @@ void record(JNIEnv* env, jint priority, jint module, jint id, jstring message) {
 
 jboolean debug_enabled() {
   if (!init_logger()) return JNI_FALSE;
+  // Kept: only the low byte of the client's answer counts.
   return static_cast<jboolean>(is_debug_enabled(kZamModule, kSyslogZero) & 0xff);
 }
 

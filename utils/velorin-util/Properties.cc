@@ -22,6 +22,7 @@ struct Pair {
 
 // Kept: without an equals sign the key and the value are the whole line.
 Pair pairOf(std::string_view line) {
+  // Kept: nothing is trimmed, not even the carriage return of a text from elsewhere.
   const size_t equals = line.find('=');
   Pair pair = {std::string(line.substr(0, equals)), std::string(line.substr(equals + 1))};
   (void)dequote(pair.value);
@@ -72,6 +73,7 @@ Properties* Properties::load(std::istream& is) {
     if (*line == '\0' || *line == kComment || *line == '=') continue;
     Pair pair = pairOf(line);
     // Files that were saved are in order.
+    // Kept: what is there already stays; loading never removes a key.
     properties.insert_or_assign(properties.end(), std::move(pair.key), std::move(pair.value));
   }
   return this;
@@ -80,6 +82,7 @@ Properties* Properties::load(std::istream& is) {
 int Properties::save(std::string fname) {
   std::ofstream os(fname);
   if (!os) return -errno;
+  // Kept: 0 whatever became of the writing.
   save(os);
   return 0;
 }
@@ -87,6 +90,7 @@ int Properties::save(std::string fname) {
 Properties* Properties::save(std::ostream& os) {
   std::string line;  // one for all, so that it seldom grows
   for (const auto& [key, value] : properties) {
+    // Kept: keys are written as they are; not every one reads back as the same.
     line = key;
     line += '=';
     appendQuoted(value, &line);

@@ -161,12 +161,14 @@ std::string toLower(const std::string& s) {
 
 std::string UrlStripScheme(const std::string& url) {
   static constexpr char kSeparator[] = "://";
+  // Kept: wherever it stands first, be it in a query.
   const size_t at = url.find(kSeparator);
   return at == std::string::npos ? url : url.substr(at + strlen(kSeparator));
 }
 
 std::string VelorinHome() {
   const char* const home = getenv("VELORIN_HOME");
+  // Kept: an empty text is a folder too.
   return home != nullptr ? home : "/sw/velorin";
 }
 

@@ -45,6 +45,7 @@ std::string Flt(double v, int ndigits) {
 
   char* begin = buf;
   char* end = buf + length;
+  // Kept: where the locale has another decimal point, printf's text stays whole.
   if (memchr(buf, '.', length) != nullptr) {
     while (end[-1] == '0') --end;
     if (end[-1] == '.') --end;

@@ -41,11 +41,13 @@ constexpr Magnitude<Int> magnitude(Int v) {
   return v < 0 ? 0 - u : u;
 }
 
+// LCOV_EXCL_START: only the compiler runs this
 constexpr uint64_t power(uint64_t radix, size_t exponent) {
   uint64_t result = 1;
   while (exponent-- > 0) result *= radix;
   return result;
 }
+// LCOV_EXCL_STOP
 
 // ---- Heads ----
 
@@ -58,6 +60,7 @@ struct Head {
   uint8_t length;
 };
 
+// LCOV_EXCL_START: only the compiler runs this
 constexpr Head makeHead(bool negative, int radix) {
   Head head = {};
   for (char& c : head.text) c = '0';
@@ -83,6 +86,7 @@ constexpr Heads makeHeads() {
   }
   return heads;
 }
+// LCOV_EXCL_STOP
 
 inline constexpr Heads kHeads = makeHeads();
 
@@ -106,6 +110,7 @@ struct AllLengths {
   Lengths<UInt> of[kGreatestRadix + 1];  // by radix
 };
 
+// LCOV_EXCL_START: only the compiler runs this
 template <class UInt>
 constexpr AllLengths<UInt> makeLengths() {
   constexpr UInt kMost = std::numeric_limits<UInt>::max();
@@ -122,6 +127,7 @@ constexpr AllLengths<UInt> makeLengths() {
   }
   return lengths;
 }
+// LCOV_EXCL_STOP
 
 template <class UInt>
 inline constexpr AllLengths<UInt> kLengths = makeLengths<UInt>();
@@ -194,9 +200,11 @@ template <uint32_t radix, size_t width>
 
 // How many digits are cut off a number of more than 32 bits at a time: all that 32 bits hold, in
 // whole blocks, so that what follows is divided in 32 bits.
+// LCOV_EXCL_START: only the compiler runs this
 constexpr size_t cutDigits(uint32_t radix) {
   return radix == 2 ? 32 : radix <= 4 ? 16 : kBlock;
 }
+// LCOV_EXCL_STOP
 
 // The type for numbers up to `most`.
 template <uint64_t most>
@@ -292,6 +300,7 @@ template <size_t most, size_t room = 15>
 }
 
 // Returns: how long a number's text can be that is not padded.
+// LCOV_EXCL_START: only the compiler runs this
 template <class UInt, int radix>
 constexpr size_t mostLength(FixedRadix<radix>) {
   return makeHead(true, radix).length + lengthOf(std::numeric_limits<UInt>::max(), radix);
@@ -300,6 +309,7 @@ template <class UInt>
 constexpr size_t mostLength(int) {
   return mostLength<UInt>(FixedRadix<kLeastRadix>());
 }
+// LCOV_EXCL_STOP
 
 template <class UInt, class Radix>
 [[gnu::always_inline]] inline std::string text(const Head& head, UInt v, Radix radix) {
@@ -352,6 +362,7 @@ template <class UInt>
 [[gnu::always_inline]] inline std::string signedText(bool negative, UInt v, int radix,
                                                      int mindigits) {
   if (radix == 10 && mindigits == 1) return decimalText(negative, v);
+  // Kept: a negative radix ends the process here, though Str takes one for "no prefix".
   assert(radix >= 2 && radix <= 16);
   return anyText(signHead(negative), v, radix, mindigits);
 }

@@ -11,6 +11,7 @@ inline bool isAscii(char c) {
   return static_cast<unsigned char>(c) < 0x80;
 }
 
+// Kept: bytes from 0x80 on cannot be printed in any locale.
 inline bool isPrintable(char c) {
   return isAscii(c) && isprint(c) != 0;
 }

@@ -22,6 +22,7 @@
 
 #include "internal/log_datagram.h"
 #include "internal/log_format.h"
+#include "internal/log_note.h"
 #include "internal/target.h"
 #include "ku_syslog.h"
 
@@ -77,6 +78,14 @@ template <typename T>
 void store(T* word, T value) {
   __atomic_store_n(word, value, __ATOMIC_RELAXED);
 }
+
+using velorin::internal::kLogNoteOwner;
+using velorin::internal::kLogNoteType;
+using velorin::internal::LogNote;
+
+// By this ad_debugctl knows a program that the static library is linked into.
+__attribute__((used, aligned(4), section(".note.velorin-util"))) constexpr LogNote kLogNote = {
+    sizeof kLogNoteOwner, sizeof(uint32_t), kLogNoteType, "velorin-util", sizeof(ad_debug_cfg_t)};
 
 sockaddr_un sunx_errorlog = {AF_UNIX, "/tmp/ad_errorlog"};
 sockaddr_un sunx_errorsp = {AF_UNIX, "/tmp/ad_errorlog_sp"};
@@ -312,6 +321,7 @@ void write_logs(StatementText* text, const ad_debug_cfg_t* cfg, const char* fmt)
   if (cfg == nullptr) return text->show_unnamed(/*end_line=*/!ends_line(fmt));
   const bool special = load(cfg->ad_debug_level) == kSpecialLevel;
   if (open_sender(&sender)) text->send_named();
+  // Kept: a special log that is off cannot be reached, so that its copies go to standard error.
   if (special && open_sender(&sender)) text->send_unnamed();
 }
 
@@ -327,6 +337,7 @@ struct ByteTexts {
   char text[256][4];
 };
 
+// LCOV_EXCL_START: only the compiler runs this
 constexpr ByteTexts make_byte_texts() {
   ByteTexts texts = {};
   constexpr char kDigits[] = "0123456789abcdef";
@@ -338,6 +349,7 @@ constexpr ByteTexts make_byte_texts() {
   }
   return texts;
 }
+// LCOV_EXCL_STOP
 
 constexpr ByteTexts kByteTexts = make_byte_texts();
 
@@ -354,6 +366,7 @@ DumpRoute dump_route(int level, const ad_debug_cfg_t* cfg) {
   route.syslog = level <= kHighestSyslogLevel && load(ad_debug_in_sighandler) == 0 &&
                  load(ad_debug_to_syslogd) != 0 &&
                  (level != 1 || (configured >= 1 && load(ad_debug_syslog_critical_msg_only) == 0));
+  // Kept: dumps above are for the special log alone.
   route.daemon = level <= kHighestDaemonLevel;
   route.special = configured == kSpecialLevel;
   return route;
@@ -427,6 +440,7 @@ void write_uncopied_error(int line, const char* fmt, ...) {
 }  // namespace
 
 int ad_init_debug_lib(const char* send_path) {
+  // Kept: "" equals the path remembered before the first call, and so does nothing.
   if (send_path != nullptr && strcmp(send_path, old_send_path) == 0) return 0;
   const ReloadBlocker blocker;
   clear_private_record();
@@ -476,6 +490,7 @@ int ad_get_ad_debug_cfg_p_impl(const char* path, ad_debug_cfg_t** cfg_pp, int no
   // Stays zero, the wrong size, when the status of another user's segment may not be read.
   shmid_ds status = {};
   (void)shmctl(id, IPC_STAT, &status);
+  // Kept: one of another size is neither used nor removed: it may be another program's.
   if (status.shm_segsz != sizeof(ad_debug_cfg_t)) {
     (void)fprintf(stderr, "IPCSTAT shows size mismatch: %zd vs %zd\n",
                   static_cast<ssize_t>(status.shm_segsz),
@@ -506,6 +521,7 @@ void ad_read_debug_cfg(const char* path, int32_t* level, uint32_t* cip, uint32_t
   *level = kUnchangedLevel;
   *cip = kUnchangedIp;
   *sip = kUnchangedIp;
+  // Kept: every reading clears the flag; of what it finds only DEBUG_LEVEL sets it again.
   ad_debug_set_syslog_critical_msg_only(0);
 
   char text[1024] = {};
@@ -513,6 +529,7 @@ void ad_read_debug_cfg(const char* path, int32_t* level, uint32_t* cip, uint32_t
   const bool fits = name_len >= 0 && static_cast<size_t>(name_len) < sizeof text;
   // Not blocking: a FIFO of that name must not stop a signal handler.
   const int fd = fits ? open(text, O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+  // Kept: a file that is there keeps the environment out, even one that says nothing.
   if (fd == -1) return read_settings_from_environment(level, cip, sip);
 
   // Kept: the text goes over the name and is not ended where it ends.
@@ -532,10 +549,12 @@ void ad_read_debug_cfg_direct_read_from_env(void) {
   ad_debug_cfg_t* const cfg = &ad_debug_cfg_no_share_mem;
   int32_t level = -2;
   uint32_t cip = kUnchangedIp;
+  // Kept: unlike the client's filter, the server's stays where the environment names none.
   uint32_t sip = load(cfg->debug_target_server_ip);
   if (const char* text = getenv("DEBUG_LEVEL")) level = parse_level(text);
   if (const char* text = getenv("DEBUG_CLIENT_IP")) cip = inet_addr(text);
   if (const char* text = getenv("DEBUG_SERVER_IP")) sip = inet_addr(text);
+  // Kept: a level that is none becomes 1 here, while setters take what is too high for the highest.
   if (level < 0 || level > kHighestLevel) level = kFallbackLevel;
   store(&cfg->ad_debug_level, level);
   store(&cfg->debug_target_client_ip, cip == kUnchangedIp ? 0 : cip);
@@ -558,12 +577,15 @@ void ad_debug_set_debug_parameter_directly(uint32_t cip, uint32_t sip, int32_t l
     ad_set_debug_parameter(cip, sip, level, cfg);
     return;
   }
+  // Kept: without a configuration what was asked for is dropped, and the environment counts.
   ad_read_debug_cfg_direct_read_from_env();
   AD_ERRO("ad_init_debug_lib() not called, no level change");
 }
 
 void ad_debug_set_debug_level_directly(int32_t level) {
   if (ad_debug_cfg_t* const cfg = load(ad_debug_cfg_p)) {
+    // Kept: a level from the program stops the copies of errors to syslog, unlike one that is set
+    // together with the filters.
     if (level > 0) ad_debug_set_syslog_critical_msg_only(1);
     ad_set_debug_parameter(kUnchangedIp, kUnchangedIp, level, cfg);
     return;
@@ -629,6 +651,8 @@ void ad_errorlog_printf_special(const char* fmt, ...) {
 int ad_set_special_log_path(const char* send_path) {
   if (send_path == nullptr) return 0;
   const ReloadBlocker blocker;
+  // Kept: the special log's record comes into force, so that level and filters are set there from
+  // now on.
   (void)choose_daemon(send_path, &sunx_errorsp);
   return 0;
 }

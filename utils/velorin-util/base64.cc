@@ -142,6 +142,7 @@ size_t lengthUpTo(const uint8_t* p, size_t most) {
                                                int* size) {
   size_t written = 0;
   if (text != nullptr)
+    // Kept: no zero is written behind the bytes.
     written = decodeText(kernel, reinterpret_cast<const uint8_t*>(text),
                          reinterpret_cast<uint8_t*>(bytes));
   if (size != nullptr) *size = static_cast<int>(written);

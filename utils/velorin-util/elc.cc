@@ -15,7 +15,8 @@ namespace {
 constexpr size_t kPathRoom = 32;
 
 bool disable_elc = false;  // nothing sets it but a debugger
-char buf[128];             // the piece that is read, and the message that is returned
+// Kept: one buffer for all calls, the returned text in it.
+char buf[128];  // the piece that is read, and the message that is returned
 FILE* fp = nullptr;
 
 // What is wrong with a piece, at a position from 0; no message: nothing.
@@ -72,6 +73,7 @@ uint32_t to_uint32(const char* text, char** end) {
 Complaint parse_number(const char* value, elc_entry* entry) {
   char* end;
   const uint32_t number = to_uint32(value, &end);
+  // Kept: no number at all is 0, and one too large for 32 bits is all bits set.
   if (*end != '\0' && !is_blank(*end)) return complain("Invalid number", end);
   if (entry->type == ELC_INT)
     entry->value.INT_type = static_cast<int32_t>(number);
@@ -83,10 +85,12 @@ Complaint parse_number(const char* value, elc_entry* entry) {
 Complaint parse_text(const char* value, elc_entry* entry) {
   const bool quoted = *value == '"';
   const char* const first = quoted ? value + 1 : value;
+  // Kept: up to the last quote of the piece, one in a remark included.
   const char* const end = quoted ? strrchr(first, '"') : word_end(first);
   if (end == nullptr) return complain("Missing '\"'", buf + strlen(buf));
   char* const text = strndup(first, static_cast<size_t>(end - first));
   if (text == nullptr) return complain(strerror(errno), value);
+  // Kept: a text that a line before has set is not freed, as the program may hold it.
   entry->value.STR_type = text;
   return kNone;
 }
@@ -144,10 +148,12 @@ const char* _elc_init(const char* name, elc_entry* table, unsigned table_entries
   (void)snprintf(path, sizeof path, ELC_PATH_FORMAT, name);
   fp = fopen(path, "re");
   if (fp == nullptr) {
+    // Kept: a file that is not there is no failure: all keeps its default.
     if (errno == ENOENT) return nullptr;
     (void)snprintf(buf, sizeof buf, "%s open failed: %s", path, strerror(errno));
     return buf;
   }
+  // Kept: a line that is longer than the buffer is several, each with a number of its own.
   for (unsigned line = 1; fgets(buf, sizeof buf, fp) != nullptr; ++line) {
     const Complaint complaint = parse_piece(table, table_entries);
     if (complaint.message != nullptr)

@@ -11,6 +11,7 @@ const char* short_name = nullptr;
 }  // namespace
 
 void setProgramName(const char* name) {
+  // Kept: the caller's text itself, not a copy: it may change what the name is.
   full_name = name;
   short_name = name != nullptr ? basename(name) : nullptr;
 }

@@ -58,6 +58,7 @@ sd_mgmt_page_t* open_register() {
   auto* const page = static_cast<sd_mgmt_page_t*>(map(page_size()));  // the kernel gives zeros
   if (page == nullptr) return nullptr;
   __atomic_store_n(&gcSdMgmtROPage, page, __ATOMIC_RELEASE);
+  // Kept: takes the place of a callback that the program has stored before.
   set_at_coredump_cb(sd_erase);
   return page;
 }

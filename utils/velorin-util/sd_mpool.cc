@@ -57,6 +57,7 @@ void* mpool_alloc_elm(mpool_hdr_t* pool) {
 }
 
 void mpool_free_elm(mpool_hdr_t* pool, void* e) {
+  // Kept: nothing is checked, not even that the element is allocated.
   velorin::internal::free_element(pool, e);
 }
 

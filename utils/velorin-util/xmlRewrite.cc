@@ -45,6 +45,7 @@ struct Format {
 };
 
 // Kept: links of an image are reported with the name of the element before it.
+// Kept: a name ends in a space alone, not in a line end or a bracket.
 constexpr Element kSmilElements[] = {
     {"video ", "video"},         {"audio ", "audio"}, {"textstream ", "textstream"},
     {"animation ", "animation"}, {"ref ", "ref"},     {"image ", nullptr},
@@ -90,6 +91,7 @@ const Element* elementAt(const char* at, const Format& format) {
   return nullptr;
 }
 
+// Kept: wherever it stands, inside of words and values too.
 bool isAttributeAt(const char* at, const Format& format) {
   for (const char* const* attribute = format.attributes; *attribute != nullptr; ++attribute) {
     if (begins(at, *attribute)) return true;
@@ -179,6 +181,7 @@ class Scan {
     for (;; ++c) {
       c = format_.first_hint(c, end);
       if (*c == '\0') return kEnd;
+      // Kept: a bracket that opens is nothing in here.
       if (*c == '>') return kNothing;
       if (isAttributeAt(c, format_)) return kAttribute;
     }
@@ -192,8 +195,11 @@ class Scan {
     while (*first == '?') first = kValueStops.first(first + 1, end);
     if (!isQuote(*first)) return complain();
     const char* const r = kValueStops.first(first + 1, end);
+    // Kept: any quote closes any other; a question mark ends the link, but not one before the
+    // quotes.
     if (!isQuote(*r) && *r != '?') return complain();
     replace(static_cast<size_t>(first - text), static_cast<size_t>(r - text));
+    // Kept: one link an element; the rest of it is text.
     *at = copied_ + 1;
     return true;
   }
@@ -227,6 +233,7 @@ class Scan {
 
 int parse(xmlRewrite* playlist, const char* file, const Format& format, int dummy1, void* dummy2) {
   playlist->parseFileName_ = file != nullptr ? file : "";
+  // Kept: the rewritten text of the file before stays when this one cannot be loaded.
   if (!playlist->loadFile()) return kFailed;
   playlist->newContents_.clear();
   return Scan(playlist, format, dummy1, dummy2).run();
@@ -266,6 +273,7 @@ int readAll(int fd, char* to, size_t size) {
 void ourLogError(int /*priority*/, char* format, ...) {
   va_list ap;
   va_start(ap, format);
+  // Kept: on standard output, whatever the priority, and without an end of line.
   (void)vprintf(format, ap);
   va_end(ap);
   (void)fflush(stdout);
@@ -300,6 +308,7 @@ bool xmlRewrite::loadFile() {
     contents_.resize(before);
     return logLoadError(this, err);
   }
+  // Kept: the text ends at its first zero byte, and so does what is rewritten.
   contents_.resize(before + strlen(contents_.c_str() + before));
   contents_.erase(0, before);
   (void)close(fd);

@@ -27,7 +27,9 @@ static_assert(sizeof(timeval32) == 8, "daemons read the last 8 bytes of a datagr
 
 constexpr size_t kDatagramRoom = 4096;
 constexpr size_t kDatagramTrailer = 1 + sizeof(timeval32);  // the zero byte and the time
-constexpr size_t kTextMax = 4086;  // one byte less than would fit; daemons and tools rely on it
+// Kept: one byte less than would fit, and a longer text is cut without a word; daemons and tools
+// rely on it.
+constexpr size_t kTextMax = 4086;
 static_assert(kTextMax + kDatagramTrailer <= kDatagramRoom, "the trailer fits behind any text");
 
 // Restores errno when it goes out of scope.
@@ -83,13 +85,16 @@ inline bool open_sender(LogSender* sender) {
   const ErrnoKeeper keeper;
   int expected = kNotMade;
   const int made = socket(AF_UNIX, SOCK_DGRAM, 0);
+  // Kept: a socket that cannot be made is never tried again, so that the process's output is lost.
   const int next = made >= 0 ? made : kGivenUp;
   if (!__atomic_compare_exchange_n(&sender->fd, &expected, next, /*weak=*/false, __ATOMIC_RELEASE,
                                    __ATOMIC_ACQUIRE)) {
     // Another thread, or a signal handler, was first: its outcome counts.
+    // LCOV_EXCL_START: no test can bring two threads here at once
     if (made >= 0) (void)close(made);
     return expected >= 0;
   }
+  // LCOV_EXCL_STOP
   if (made >= 0) return true;
   write_stderr(sender->no_socket_warning, strlen(sender->no_socket_warning));
   return false;
