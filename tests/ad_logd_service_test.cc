@@ -1147,7 +1147,7 @@ TEST_F(ad_logdRecordsTest, SlowAListThatOthersMayHaveWrittenRemovesNothing) {
 }
 
 // As where its socket has got the number of one that this daemon had.
-TEST_F(ad_logdRecordsTest, SlowARecordThatAnotherDaemonMakesItsOwnIsForgotten) {
+TEST_F(ad_logdRecordsTest, ARecordThatAnotherDaemonMakesItsOwnIsForgotten) {
   const HandedSocket theirs("/tmp/theirs.0");
   const int id = shmget(ftok("/tmp/theirs.0", 100), 140, IPC_CREAT | 0666);
   const auto status = [id] {

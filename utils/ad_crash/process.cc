@@ -55,9 +55,11 @@ std::optional<Stat> read_stat(pid_t pid) {
 Owner owner_of(pid_t pid, const std::string& program, const timespec& trace_written) {
   constexpr double kClockSlack = 2;  // seconds that file times and the clock may be apart
   const std::optional<Stat> stat = read_stat(pid);
-  // LCOV_EXCL_BR_NEXT: the kernel lets everybody read it
-  if (!stat)
-    return access(proc_path(pid, "").c_str(), F_OK) == 0 ? Owner::kUnknown : Owner::kNobody;
+  if (!stat) {
+    const std::string entry = proc_path(pid, "");
+    // LCOV_EXCL_BR_NEXT: the kernel lets everybody read it
+    return access(entry.c_str(), F_OK) == 0 ? Owner::kUnknown : Owner::kNobody;
+  }
   // LCOV_EXCL_BR_NEXT: a process is X only while it goes
   if (stat->state == 'Z' || stat->state == 'X') return Owner::kNobody;
   if (stat->started > seconds(trace_written) + kClockSlack) return Owner::kOther;
