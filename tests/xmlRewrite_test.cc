@@ -684,21 +684,46 @@ TEST_F(xmlRewriteTest, FileThatMayNotBeOpenedIsLogged) {
 }
 
 TEST_F(xmlRewriteTest, ReadErrorIsLoggedAndLeavesTheFileOpenAndTheTextsAsTheyWere) {
+  for (const char* next : {"<a href=\"\"/>", "<video src=\"a longer one\"/>"}) {
+    EXPECT_EQ(smil("<video src=\"1\"/>"), 0);
+    write(path_, next);
+    said.clear();
+    const size_t files = openFiles();
+    scripted_reads = {{EINTR, 0}, {EIO, 0}};
+    EXPECT_EQ(app_.doParseSMIL(path_), 2);
+    EXPECT_THAT(saidAt(3), ElementsAre("xmlRewrite::loadFile Error for '/tmp/list': Input/output "
+                                       "error (errno=5)"));
+    EXPECT_EQ(said.size(), 1U);
+    EXPECT_EQ(openFiles(), files + 1);
+    EXPECT_EQ(app_.contents_, "<video src=\"1\"/>");
+    EXPECT_EQ(app_.newContents_, "<video src=\"1\"/>");
+    EXPECT_EQ(app_.doParseSMIL(path_), 0);
+    EXPECT_EQ(app_.newContents_, next);
+    EXPECT_EQ(openFiles(), files + 1);
+  }
+}
+
+TEST_F(xmlRewriteTest, ReadErrorBehindAPartOfTheFileLeavesNoContents) {
   EXPECT_EQ(smil("<video src=\"1\"/>"), 0);
   write(path_, "<video src=\"a longer one\"/>");
   said.clear();
-  const size_t files = openFiles();
   scripted_reads = {{0, 5}, {EIO, 0}};
   EXPECT_EQ(app_.doParseSMIL(path_), 2);
   EXPECT_THAT(saidAt(3), ElementsAre("xmlRewrite::loadFile Error for '/tmp/list': Input/output "
                                      "error (errno=5)"));
-  EXPECT_EQ(said.size(), 1U);
-  EXPECT_EQ(openFiles(), files + 1);
-  EXPECT_EQ(app_.contents_, "<video src=\"1\"/>");
+  EXPECT_EQ(app_.contents_, "");
   EXPECT_EQ(app_.newContents_, "<video src=\"1\"/>");
   EXPECT_EQ(app_.doParseSMIL(path_), 0);
-  EXPECT_EQ(app_.newContents_, "<video src=\"a longer one\"/>");
-  EXPECT_EQ(openFiles(), files + 1);
+  EXPECT_EQ(app_.contents_, "<video src=\"a longer one\"/>");
+}
+
+TEST_F(xmlRewriteTest, ShorterPlaylistLeavesNothingOfTheLongerOneBefore) {
+  EXPECT_EQ(smil("<video src=\"a longer one\"/><audio src='2'/>"), 0);
+  EXPECT_EQ(smil("<video src=\"1\"/>"), 0);
+  EXPECT_EQ(app_.contents_, "<video src=\"1\"/>");
+  EXPECT_THAT(app_.links, ElementsAre("video 1"));
+  EXPECT_EQ(smil(std::string("<a\0", 3)), 0);
+  EXPECT_EQ(app_.contents_, "<a");
 }
 
 TEST_F(xmlRewriteTest, RoomOfAFailedReadStaysAllocatedAndBelongsToTheObject) {
@@ -821,16 +846,42 @@ TEST_F(xmlRewriteTest, ExampleTellsThatAFileIsMissing) {
 TEST_F(xmlRewriteTest, LongPlaylistOfManyLinksIsRewrittenWhole) {
   std::string text;
   std::string expected;
-  for (int i = 0; i < 20000; ++i) {
-    const std::string rest = std::to_string(i) + ".rm?s=" + std::to_string(i) + "\" dur='5s'/>\n";
-    text += "<par><video region=\"r\" src=\"" + rest;
-    expected += "<par><video region=\"r\" src=\"P:" + rest;
+  std::vector<std::string> positions;
+  for (int i = 0; i < 30000; ++i) {
+    const std::string link = std::to_string(i) + ".rm";
+    const std::string rest = "?s=" + std::to_string(i) + "\" dur='5s'/>\n";
+    text += "<par><video region=\"r\" src=\"";
+    positions.push_back("First and R " + std::to_string(text.size() - 1) + "  " +
+                        std::to_string(text.size() + link.size()));
+    text += link + rest;
+    expected += "<par><video region=\"r\" src=\"P:" + link + rest;
   }
+  ASSERT_GT(text.size(), 1000000U);  // for positions of each number of digits up to seven
   app_.prefix = "P:";
   EXPECT_EQ(smil(text), 0);
-  EXPECT_EQ(app_.links.size(), 20000U);
-  EXPECT_EQ(app_.links.back(), "video 19999.rm");
+  EXPECT_EQ(app_.links.size(), 30000U);
+  EXPECT_EQ(app_.links.back(), "video 29999.rm");
   EXPECT_EQ(app_.newContents_, expected);
+  EXPECT_EQ(saidAt(7), positions);
+  // Small positions again, behind large ones.
+  said.clear();
+  EXPECT_EQ(smil("<a href='v'>"), 0);
+  EXPECT_THAT(saidAt(7), ElementsAre("First and R 8  10"));
+}
+
+TEST_F(xmlRewriteTest, PositionsAreRightWhereTheirDigitsChange) {
+  for (const size_t around : {9, 99, 999, 9999, 10099, 19999, 99999, 999999}) {
+    for (size_t first = around - 1; first <= around + 2; ++first) {
+      said.clear();
+      if (first < 8) continue;
+      const std::string text = std::string(first - 8, '.') + "<a href='v'><a href=''>";
+      EXPECT_EQ(smil(text), 0);
+      EXPECT_THAT(saidAt(7), ElementsAre("First and R " + std::to_string(first) + "  " +
+                                             std::to_string(first + 2),
+                                         "First and R " + std::to_string(first + 12) + "  " +
+                                             std::to_string(first + 13)));
+    }
+  }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include <exception>
 #include <limits>
+#include <string_view>
 
 #include "String_digits.h"
 #include "xmlRewrite_stops.h"
@@ -29,36 +30,100 @@ char kValueFormat[] = "%s%s%s%s";
 char kSyntaxFormat[] = "%s%s";
 char kEndFormat[] = "%s %s";
 
-struct Element {
-  const char* start;  // lower case; what an element begins with
-  const char* tag;    // what its links are reported with; null: as the element before
+// The first characters of a text, by their places; zeros behind its end.
+using Word = uint64_t;
+
+Word wordAt(const char* at, const char* end) {
+  const size_t left = static_cast<size_t>(end - at);
+  Word word = 0;
+  if (left >= sizeof word)
+    memcpy(&word, at, sizeof word);
+  else
+    memcpy(&word, at, left);
+  return word;
+}
+
+// Whether `c` is `wanted`, a lower-case letter or a space, in any case: letters differ in one bit.
+bool isInAnyCase(char c, char wanted) {
+  return c == wanted || (wanted != ' ' && (c | ' ') == wanted);
+}
+
+// What an element or attribute begins with: lower-case letters, and perhaps a space.
+class Name {
+ public:
+  template <size_t kSize>
+  constexpr Name(const char (&text)[kSize]) : text_(text), length_(kSize - 1) {
+    for (size_t i = 0; i < length_ && i < sizeof(Word); ++i) {
+      word_ |= at(i, text[i]);
+      mask_ |= at(i, '\xFF');
+      if (text[i] != ' ') case_bits_ |= at(i, ' ');
+    }
+  }
+
+  constexpr size_t length() const { return length_; }
+
+  // Whether the text at `c`, which ends in a zero, begins so in any case; `word` is its first.
+  bool begins(const char* c, Word word) const {
+    if (((word | case_bits_) & mask_) != word_) return false;
+    size_t i = sizeof(Word);
+    while (i < length_ && isInAnyCase(c[i], text_[i])) ++i;
+    return i >= length_;
+  }
+
+ private:
+  static constexpr Word at(size_t place, char c) {
+    return Word{static_cast<unsigned char>(c)} << (8 * place);
+  }
+
+  const char* text_;
+  size_t length_;
+  Word word_ = 0;
+  Word mask_ = 0;       // of the places that the word has
+  Word case_bits_ = 0;  // those of its letters
 };
 
-struct Format {
-  const Element* elements;                              // up to one without a start
-  Stops<10> element_letters;                            // the first letters of these
-  bool skips_one;                                       // the character behind an element's start
-  const char* const* attributes;                        // lower case; up to a null
-  const char* (*first_hint)(const char*, const char*);  // of these, or the end of an element
-  size_t value_offset;  // where the value's search begins, from the attribute's start
-  const char* complaint;
+struct Element {
+  Name name;
+  std::string_view tag;  // what its links are reported with; empty: as the element before
 };
 
 // Kept: links of an image are reported with the name of the element before it.
 // Kept: a name ends in a space alone, not in a line end or a bracket.
 constexpr Element kSmilElements[] = {
     {"video ", "video"},         {"audio ", "audio"}, {"textstream ", "textstream"},
-    {"animation ", "animation"}, {"ref ", "ref"},     {"image ", nullptr},
+    {"animation ", "animation"}, {"ref ", "ref"},     {"image ", ""},
     {"text ", "text"},           {"img ", "img"},     {"a ", "a"},
-    {"anchor ", "anchor"},       {"area ", "area"},   {nullptr, nullptr}};
-constexpr const char* kSmilAttributes[] = {"src", "href", nullptr};
+    {"anchor ", "anchor"},       {"area ", "area"}};
+constexpr Name kSmilAttributes[] = {"src", "href"};
+
+constexpr Element kAsxElements[] = {{"ref", "ref"}, {"entryref", "entryref"}, {"logo", "logo"}};
+constexpr Name kAsxAttributes[] = {"href"};
+
+template <class T>
+struct List {
+  template <size_t kSize>
+  constexpr List(const T (&items)[kSize]) : first(items), size(kSize) {}
+
+  constexpr const T* begin() const { return first; }
+  constexpr const T* end() const { return first + size; }
+
+  const T* first;
+  size_t size;
+};
+
+struct Format {
+  List<Element> elements;
+  Stops<10> element_letters;  // the first of these
+  bool skips_one;             // the character behind an element's name
+  List<Name> attributes;
+  const char* (*first_hint)(const char*, const char*);  // of these, or the end of an element
+  size_t value_offset;  // where the value's search begins, from the attribute's start
+  const char* complaint;
+};
+
 constexpr Format kSmil = {kSmilElements,       Stops("vVaAtTrRiI"),        false,
                           kSmilAttributes,     firstHintOfAttribute<true>, 3,
                           "SMIL syntax Error "};
-
-constexpr Element kAsxElements[] = {
-    {"ref", "ref"}, {"entryref", "entryref"}, {"logo", "logo"}, {nullptr, nullptr}};
-constexpr const char* kAsxAttributes[] = {"href", nullptr};
 constexpr Format kAsx = {kAsxElements,       Stops("rReElLrReE"),         true,
                          kAsxAttributes,     firstHintOfAttribute<false>, 4,
                          "ASX syntax Error "};
@@ -69,50 +134,54 @@ bool isQuote(char c) {
   return c == '"' || c == '\'';
 }
 
-// Whether `c` is `wanted`, a lower-case letter or a space, in any case: letters differ in one bit.
-bool isInAnyCase(char c, char wanted) {
-  return c == wanted || (wanted != ' ' && (c | ' ') == wanted);
-}
-
-// Whether the text at `at`, which ends in a zero, begins with `start`, in any case.
-bool begins(const char* at, const char* start) {
-  while (*start != '\0' && isInAnyCase(*at, *start)) {
-    ++at;
-    ++start;
-  }
-  return *start == '\0';
-}
-
-const Element* elementAt(const char* at, const Format& format) {
+const Element* elementAt(const char* at, const char* end, const Format& format) {
   if (!format.element_letters.has(*at)) return nullptr;
-  for (const Element* element = format.elements; element->start != nullptr; ++element) {
-    if (begins(at, element->start)) return element;
+  const Word word = wordAt(at, end);
+  for (const Element& element : format.elements) {
+    if (element.name.begins(at, word)) return &element;
   }
   return nullptr;
 }
 
 // Kept: wherever it stands, inside of words and values too.
-bool isAttributeAt(const char* at, const Format& format) {
-  for (const char* const* attribute = format.attributes; *attribute != nullptr; ++attribute) {
-    if (begins(at, *attribute)) return true;
+bool isAttributeAt(const char* at, const char* end, const Format& format) {
+  const Word word = wordAt(at, end);
+  for (const Name& attribute : format.attributes) {
+    if (attribute.begins(at, word)) return true;
   }
   return false;
 }
 
-// What Str(n, 10, 1) gives, without a string: two of them are written for each link.
+// What Str(n, 10, 1) gives, without a string: two numbers are written for each link. Most differ
+// from the one before in their last four digits alone.
 class Decimal {
  public:
-  explicit Decimal(size_t n) {
-    using velorin::internal::Magnitude;
-    const Magnitude<size_t> v = n;
-    const size_t length = velorin::internal::lengthOf(v, 10);
-    velorin::internal::writeDigits(text_, v, length, velorin::internal::FixedRadix<10>());
-    text_[length] = '\0';
+  const char* of(size_t n) {
+    if (n >= kUnit && n - unit_ < kUnit)
+      velorin::internal::writeBlock<10, kRest>(text_ + length_ - kRest,
+                                               static_cast<uint32_t>(n - unit_));
+    else
+      writeAll(n);
+    return text_;
   }
 
-  const char* text() const { return text_; }
-
  private:
+  static constexpr size_t kRest = 4;
+  static constexpr size_t kUnit = 10000;
+
+  void writeAll(velorin::internal::Magnitude<size_t> n) {
+    using namespace velorin::internal;
+    length_ = lengthOf(n, 10);
+    if (n < kUnit)
+      writeLeading<10, kRest>(text_, static_cast<uint32_t>(n), length_);
+    else
+      writeDigits(text_, n, length_, FixedRadix<10>());
+    text_[length_] = '\0';
+    unit_ = n - n % kUnit;
+  }
+
+  size_t unit_ = 0;  // the number that `text_` has, without its last four digits
+  size_t length_ = 0;
   // Zeros may be written behind the digits.
   char text_[std::numeric_limits<size_t>::digits10 + 1 + velorin::internal::kBlock];
 };
@@ -166,24 +235,27 @@ class Scan {
 
   Found scanFrom(const char** position) {
     const char*& c = *position;
+    const char* const end = text_.c_str() + text_.size();
     while (*c == '<' || *c == ' ') ++c;
     if (*c == '\0') return kEnd;
-    const Element* const element = elementAt(c, format_);
+    const Element* const element = elementAt(c, end, format_);
     if (element == nullptr) {
       ++c;
       return kNothing;
     }
-    if (element->tag != nullptr) tag_ = element->tag;
-    c += strlen(element->start);
-    // Kept: whatever stands behind an ASX name is skipped, a closing bracket too.
-    if (format_.skips_one && *c != '\0') ++c;
-    const char* const end = text_.c_str() + text_.size();
+    if (!element->tag.empty()) tag_ = element->tag;
+    // SMIL names hold nothing that is looked for, and the search need not wait for their length.
+    if (format_.skips_one) {
+      c += element->name.length();
+      // Kept: whatever stands behind an ASX name is skipped, a closing bracket too.
+      if (*c != '\0') ++c;
+    }
     for (;; ++c) {
       c = format_.first_hint(c, end);
       if (*c == '\0') return kEnd;
       // Kept: a bracket that opens is nothing in here.
       if (*c == '>') return kNothing;
-      if (isAttributeAt(c, format_)) return kAttribute;
+      if (isAttributeAt(c, end, format_)) return kAttribute;
     }
   }
 
@@ -191,8 +263,9 @@ class Scan {
   bool takeLink(size_t* at) {
     const char* const text = text_.c_str();
     const char* const end = text + text_.size();
-    const char* first = kValueStops.first(text + *at + format_.value_offset, end);
-    while (*first == '?') first = kValueStops.first(first + 1, end);
+    // Near: what follows need not wait for a place that branches tell in advance.
+    const char* first = kValueStops.first(text + *at + format_.value_offset);
+    while (*first == '?') first = kValueStops.first(first + 1);
     if (!isQuote(*first)) return complain();
     const char* const r = kValueStops.first(first + 1, end);
     // Kept: any quote closes any other; a question mark ends the link, but not one before the
@@ -206,13 +279,21 @@ class Scan {
 
   // The link stands between `first` and `r`.
   void replace(size_t first, size_t r) {
-    playlist_.logError()(kDebug, kValueFormat, "First and R ", Decimal(first).text(), "  ",
-                         Decimal(r).text());
+    playlist_.logError()(kDebug, kValueFormat, "First and R ", first_.of(first), "  ", r_.of(r));
     if (rewrites()) playlist_.newContents_.append(text_, copied_, first + 1 - copied_);
     copied_ = r;
-    link_.assign(text_, first + 1, r - first - 1);
-    const std::string replacement = playlist_.getHrefValue(link_.data(), tag_, dummy1_, dummy2_);
+    const std::string replacement =
+        playlist_.getHrefValue(copyOf(first + 1, r), std::string(tag_), dummy1_, dummy2_);
     if (rewrites()) playlist_.newContents_.append(replacement);
+  }
+
+  // The text from `begin` up to `end`, for the application.
+  char* copyOf(size_t begin, size_t end) {
+    const size_t length = end - begin;
+    if (link_.size() < length) link_.resize(length);
+    memcpy(link_.data(), text_.data() + begin, length);
+    link_[length] = '\0';
+    return link_.data();
   }
 
   bool complain() {
@@ -227,8 +308,9 @@ class Scan {
   const int dummy1_;
   void* const dummy2_;
   size_t copied_ = 0;     // what stands before is in newContents_
-  const char* tag_ = "";  // of the last media element
-  std::string link_;      // what the application gets; a member to keep its room
+  std::string_view tag_;  // of the last media element
+  Decimal first_, r_;     // of the last link
+  std::string link_;      // room for what the application gets
 };
 
 int parse(xmlRewrite* playlist, const char* file, const Format& format, int dummy1, void* dummy2) {
@@ -244,26 +326,25 @@ bool logLoadError(xmlRewrite* playlist, int err) {
   return false;
 }
 
-// Makes room for a file of `size` bytes behind `text`. Returns: whether there was enough memory.
+// Makes room for a file of `size` bytes. Returns: whether there was enough memory.
 bool grow(std::string* text, off_t size) {
   // A file can be larger than what 32 bits count.
   if (static_cast<uintmax_t>(size) > text->max_size()) return false;
   try {
-    text->append(static_cast<size_t>(size), '\0');
+    if (text->size() < static_cast<size_t>(size)) text->resize(static_cast<size_t>(size));
   } catch (const std::exception&) {
     return false;
   }
   return true;
 }
 
-// Reads `size` bytes. Returns: 0, or the errno of a read that failed.
-int readAll(int fd, char* to, size_t size) {
-  size_t got = 0;
-  while (got < size) {
-    const ssize_t count = read(fd, to + got, size - got);
+// Reads `size` bytes; `*got` counts them. Returns: 0, or the errno of a read that failed.
+int readAll(int fd, char* to, size_t size, size_t* got) {
+  while (*got < size) {
+    const ssize_t count = read(fd, to + *got, size - *got);
     if (count < 0 && errno != EINTR) return errno;
     // Kept: an end of the file that comes too early is read again.
-    if (count > 0) got += static_cast<size_t>(count);
+    if (count > 0) *got += static_cast<size_t>(count);
   }
   return 0;
 }
@@ -295,22 +376,22 @@ bool xmlRewrite::loadFile() {
   if (stat(parseFileName_.c_str(), &status) != 0) return logLoadError(this, errno);
   const int fd = open(parseFileName_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return logLoadError(this, errno);
-  // Read behind the playlist before, which stays when this fails.
   const size_t before = contents_.size();
   if (!grow(&contents_, status.st_size)) {
     (void)close(fd);
     return logLoadError(this, ENOMEM);
   }
-  const int err = readAll(fd, contents_.data() + before, contents_.size() - before);
+  const auto size = static_cast<size_t>(status.st_size);
+  size_t got = 0;
+  const int err = readAll(fd, contents_.data(), size, &got);
   if (err != 0) {
     // Kept: the file stays open and its room allocated, as they always have. The room is not lost:
-    // it is the string's.
-    contents_.resize(before);
+    // it is the string's. A part of the file has taken the place of the playlist before.
+    contents_.resize(got == 0 ? before : 0);
     return logLoadError(this, err);
   }
   // Kept: the text ends at its first zero byte, and so does what is rewritten.
-  contents_.resize(before + strlen(contents_.c_str() + before));
-  contents_.erase(0, before);
+  contents_.resize(strnlen(contents_.c_str(), size));
   (void)close(fd);
   return true;
 }
