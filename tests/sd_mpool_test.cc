@@ -7,13 +7,17 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child.h"
 #include "support/memory_calls.h"
+#include "support/pool_mutex.h"
 
 namespace {
 
@@ -296,11 +300,14 @@ TEST(sd_mpoolTest, FreeingChecksNothing) {
   EXPECT_EQ(pool.allocate(), nullptr);
 }
 
+// ---- The mutex ----
+
 TEST(sd_mpoolTest, MutexThatCannotBeTakenGivesNull) {
   const Pool pool(1000, 16);
-  memory_calls.mutex_lock.fails_at = 1;
-  const char* const element = pool.allocate();
-  EXPECT_EQ(element, nullptr);
+  {
+    const RefusedMutex refused(pool.block());
+    EXPECT_EQ(pool.allocate(), nullptr);
+  }
   EXPECT_EQ(pool.allocate(), pool.first());
 }
 
@@ -308,10 +315,112 @@ TEST(sd_mpoolTest, MutexThatCannotBeTakenKeepsTheElementAllocated) {
   const Pool pool(1000, 16);
   char* const element = pool.allocate();
   memset(element, 'x', 16);
-  memory_calls.mutex_lock.fails_at = 1;
-  pool.free(element);
+  {
+    const RefusedMutex refused(pool.block());
+    pool.free(element);
+  }
   EXPECT_EQ(std::string(element, 16), std::string(16, 'x'));
   EXPECT_EQ(pool.allocate(), pool.first() + 16);
+}
+
+// Whether it is as it was when it was made: free, and nobody is counted as its holder.
+bool isFresh(pthread_mutex_t* mutex) {
+  const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  return memcmp(mutex, &fresh, sizeof fresh) == 0;
+}
+
+TEST(sd_mpoolTest, MutexIsReleasedByEveryCall) {
+  const Pool pool(kHeader + 3 * 16, 16);
+  char* const first = pool.allocate();
+  EXPECT_TRUE(isFresh(mutexOf(pool.block())));
+  pool.allocate();
+  EXPECT_EQ(pool.allocate(), nullptr);
+  EXPECT_TRUE(isFresh(mutexOf(pool.block())));
+  pool.free(first);
+  EXPECT_TRUE(isFresh(mutexOf(pool.block())));
+}
+
+TEST(sd_mpoolTest, MutexOfAnyKindWorks) {
+  using Set = std::function<void(pthread_mutexattr_t*)>;
+  const auto type = [](int value) -> Set {
+    return [value](pthread_mutexattr_t* a) { pthread_mutexattr_settype(a, value); };
+  };
+  const std::vector<Set> sets = {
+      type(PTHREAD_MUTEX_NORMAL),
+      type(PTHREAD_MUTEX_RECURSIVE),
+      type(PTHREAD_MUTEX_ERRORCHECK),
+      type(PTHREAD_MUTEX_ADAPTIVE_NP),
+      [](pthread_mutexattr_t* a) { pthread_mutexattr_setrobust(a, PTHREAD_MUTEX_ROBUST); },
+      [](pthread_mutexattr_t* a) { pthread_mutexattr_setprotocol(a, PTHREAD_PRIO_INHERIT); },
+      [](pthread_mutexattr_t* a) { pthread_mutexattr_setpshared(a, PTHREAD_PROCESS_SHARED); },
+  };
+  for (size_t i = 0; i < sets.size(); ++i) {
+    const Pool pool(1000, 16);
+    remakeMutex(pool.block(), sets[i]);
+    for (int round = 0; round < 3; ++round) {
+      char* const element = pool.allocate();
+      EXPECT_EQ(element, pool.first()) << i;
+      pool.free(element);
+    }
+    EXPECT_EQ(pthread_mutex_trylock(mutexOf(pool.block())), 0) << i;
+    EXPECT_EQ(pthread_mutex_unlock(mutexOf(pool.block())), 0) << i;
+    EXPECT_EQ(pthread_mutex_destroy(mutexOf(pool.block())), 0) << i;
+  }
+}
+
+// glibc's mark on a mutex that somebody waits for.
+bool isWaitedFor(const pthread_mutex_t* mutex) {
+  return __atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED) == 2;
+}
+
+TEST(sd_mpoolTest, CallsWaitForWhoeverHoldsTheMutex) {
+  const Pool pool(1000, 16);
+  pthread_mutex_t* const mutex = mutexOf(pool.block());
+  char* const element = pool.allocate();
+  for (const bool allocates : {true, false}) {
+    std::atomic<bool> done{false};
+    ASSERT_EQ(pthread_mutex_lock(mutex), 0);
+    std::thread caller([&] {
+      if (allocates)
+        EXPECT_EQ(pool.allocate(), pool.first() + 16);
+      else
+        pool.free(element);
+      done = true;
+    });
+    while (!isWaitedFor(mutex)) std::this_thread::yield();
+    EXPECT_FALSE(done);
+    ASSERT_EQ(pthread_mutex_unlock(mutex), 0);
+    caller.join();
+    EXPECT_TRUE(isFresh(mutex));
+  }
+  EXPECT_EQ(pool.allocate(), element);
+}
+
+// One thread allocates and frees, another one takes the mutex itself; if they met at the list, or
+// one of them waited for a call that never came, this would show it.
+TEST(sd_mpoolTest, WhoeverTakesTheMutexFindsTheListWhole) {
+  constexpr int kElements = 4;
+  const Pool pool(kHeader + kElements * 16 + 1, 16);
+  pthread_mutex_t* const mutex = mutexOf(pool.block());
+  std::atomic<bool> done{false};
+  std::thread user([&] {
+    for (int i = 0; i < 300000; ++i) {
+      char* const element = pool.allocate();
+      if (element != pool.first()) ADD_FAILURE() << i;
+      pool.free(element);
+    }
+    done = true;
+  });
+  while (!done) {
+    pthread_mutex_lock(mutex);
+    int free = 0;
+    const char* element = valueAt<char*>(pool.block() + kFreeElms);
+    for (; element != nullptr && free <= kElements; element = valueAt<char*>(element)) ++free;
+    if (free != kElements && free != kElements - 1) ADD_FAILURE() << free;
+    pthread_mutex_unlock(mutex);
+  }
+  user.join();
+  EXPECT_TRUE(isFresh(mutex));
 }
 
 // ---- Which addresses may be elements ----

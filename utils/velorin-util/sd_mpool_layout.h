@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "sd_mpool_mutex.h"
 #include "sd_mpool_poison.h"
 #include "velorin/sd_mpool"
 
@@ -115,11 +116,11 @@ inline bool is_element_valid(const mpool_hdr_t* pool, int pool_len, const void* 
   return distance % elm_sz == 0;
 }
 
-inline void* allocate_element(mpool_hdr_t* pool) {
-  if (pthread_mutex_lock(&pool->lock) != 0) return nullptr;
+// Both are called with the mutex held, and release it.
+inline void* pop_element(mpool_hdr_t* pool) {
   mpool_elm_t* const element = pool->pfree_elms;
   if (element != nullptr) pool->pfree_elms = load_next(element);
-  (void)pthread_mutex_unlock(&pool->lock);
+  release_mutex(&pool->lock);
   if (element == nullptr) return nullptr;
   // It is the caller's by now: others wait for the mutex a store less.
   store_next(element, nullptr);
@@ -127,12 +128,30 @@ inline void* allocate_element(mpool_hdr_t* pool) {
   return element;
 }
 
-inline void free_element(mpool_hdr_t* pool, void* e) {
-  if (pthread_mutex_lock(&pool->lock) != 0) return;
+inline void push_element(mpool_hdr_t* pool, void* e) {
   store_next(e, pool->pfree_elms);
   pool->pfree_elms = static_cast<mpool_elm_t*>(e);
   poison_element(pool, e);
-  (void)pthread_mutex_unlock(&pool->lock);
+  release_mutex(&pool->lock);
+}
+
+// What is rare stays out of the functions that call it: they need no stack.
+[[gnu::cold, gnu::noinline]] inline void* wait_and_allocate_element(mpool_hdr_t* pool) {
+  return pthread_mutex_lock(&pool->lock) == 0 ? pop_element(pool) : nullptr;
+}
+
+[[gnu::cold, gnu::noinline]] inline void wait_and_free_element(mpool_hdr_t* pool, void* e) {
+  if (pthread_mutex_lock(&pool->lock) == 0) push_element(pool, e);
+}
+
+inline void* allocate_element(mpool_hdr_t* pool) {
+  if (__builtin_expect(!try_mutex(&pool->lock), false)) return wait_and_allocate_element(pool);
+  return pop_element(pool);
+}
+
+inline void free_element(mpool_hdr_t* pool, void* e) {
+  if (__builtin_expect(!try_mutex(&pool->lock), false)) return wait_and_free_element(pool, e);
+  push_element(pool, e);
 }
 
 }  // namespace velorin::internal
