@@ -154,6 +154,34 @@ class Ours : public xmlRewrite {
   logError_t logError() override { return logNothing; }
 };
 
+// Makes the calls that a scan owes an application for `links`, without a scan.
+class Calls {
+ public:
+  explicit Calls(const std::vector<std::string>& links) {
+    for (const std::string& link : links) {
+      const size_t space = link.find(' ');
+      links_.push_back({link.substr(0, space), link.substr(space + 1)});
+      if (room_.size() < link.size()) room_.resize(link.size());
+    }
+  }
+
+  void make(xmlRewrite* application) {
+    char format[] = "%s%s%s%s";
+    for (const Link& link : links_) {
+      application->logError()(7, format, "First and R ", "1", "  ", "2");
+      memcpy(room_.data(), link.url.c_str(), link.url.size() + 1);
+      bench::keep(application->getHrefValue(room_.data(), link.tag, 0, nullptr));
+    }
+  }
+
+ private:
+  struct Link {
+    std::string tag, url;
+  };
+  std::vector<Link> links_;
+  std::string room_;  // a link is handed over as a copy
+};
+
 // ---- The yardstick ----
 
 // Reads the file as a scanner must, into room that is there, and looks for a byte that is not.
@@ -267,6 +295,24 @@ void run(bench::Contests* contests, const Size& size) {
                           rewriting.newContents_ == playlist.text;
                  },
                  rewrite, yardstick});
+
+  // How much of the scan is not the scanner's, and how near to the limit that comes alone.
+  Ours collecting;
+  collecting.links.collects = true;
+  if (collecting.doParseSMIL(playlist.path) != 0) fail("the scan");
+  Calls calls(collecting.links.all);
+  contests->run({"its calls alone" + name,
+                 "read+memchr",
+                 {},
+                 1,
+                 [&] {
+                   Ours called;
+                   called.links.collects = true;
+                   calls.make(&called);
+                   return called.links.all == collecting.links.all;
+                 },
+                 [&] { calls.make(&scanning); },
+                 yardstick});
 
   const struct {
     const char* name;

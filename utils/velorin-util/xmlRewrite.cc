@@ -10,9 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <limits>
-#include <string_view>
 
 #include "String_digits.h"
 #include "xmlRewrite_stops.h"
@@ -22,6 +22,8 @@ namespace {
 constexpr int kError = 3;  // syslog priorities
 constexpr int kDebug = 7;
 constexpr int kFailed = 2;  // of a parse
+
+constexpr size_t kUsualLink = 255;  // characters that few links exceed
 
 // The texts of log statements are not constant for those who take them.
 char kHrefFormat[] = "xmlRewrite::getHrefValue: url = %s tag = %s dummy1 = %x dummy2 = %p";
@@ -82,9 +84,32 @@ class Name {
   Word case_bits_ = 0;  // those of its letters
 };
 
+// The name that a link is reported with.
+class Tag {
+ public:
+  constexpr Tag() = default;
+  template <size_t kSize>
+  constexpr Tag(const char (&text)[kSize]) : length_(kSize - 1) {
+    for (size_t i = 0; i < length_; ++i) text_[i] = text[i];
+  }
+
+  constexpr bool empty() const { return length_ == 0; }
+
+  // Flattened, so that the copy has a size known when compiling and calls nothing.
+  [[gnu::flatten]] std::string string() const {
+    std::string s(text_, sizeof text_);
+    s.erase(length_);
+    return s;
+  }
+
+ private:
+  char text_[15] = {};  // what a string has room for itself
+  uint8_t length_ = 0;
+};
+
 struct Element {
   Name name;
-  std::string_view tag;  // what its links are reported with; empty: as the element before
+  Tag tag;  // what its links are reported with; empty: as the element before
 };
 
 // Kept: links of an image are reported with the name of the element before it.
@@ -283,14 +308,14 @@ class Scan {
     if (rewrites()) playlist_.newContents_.append(text_, copied_, first + 1 - copied_);
     copied_ = r;
     const std::string replacement =
-        playlist_.getHrefValue(copyOf(first + 1, r), std::string(tag_), dummy1_, dummy2_);
+        playlist_.getHrefValue(copyOf(first + 1, r), tag_.string(), dummy1_, dummy2_);
     if (rewrites()) playlist_.newContents_.append(replacement);
   }
 
   // The text from `begin` up to `end`, for the application.
   char* copyOf(size_t begin, size_t end) {
     const size_t length = end - begin;
-    if (link_.size() < length) link_.resize(length);
+    if (link_.size() < length) link_.resize(std::max(length, kUsualLink));
     memcpy(link_.data(), text_.data() + begin, length);
     link_[length] = '\0';
     return link_.data();
@@ -307,10 +332,10 @@ class Scan {
   const Format& format_;
   const int dummy1_;
   void* const dummy2_;
-  size_t copied_ = 0;     // what stands before is in newContents_
-  std::string_view tag_;  // of the last media element
-  Decimal first_, r_;     // of the last link
-  std::string link_;      // room for what the application gets
+  size_t copied_ = 0;  // what stands before is in newContents_
+  Tag tag_;            // of the last media element
+  Decimal first_, r_;  // of the last link
+  std::string link_;   // room for what the application gets
 };
 
 int parse(xmlRewrite* playlist, const char* file, const Format& format, int dummy1, void* dummy2) {
