@@ -3,7 +3,7 @@ velorin_bench(memory)
 # its loop.
 target_compile_options(memory_bench PRIVATE
   -falign-functions=64 -falign-loops=64 -falign-jumps=64)
-# As the library itself calls the mutexes.
+# The peers' calls without stubs: the fastest there are.
 target_compile_options(memory_bench PRIVATE -fno-plt)
 # Only the run-time packages of the allocators: both widths have them under the same names.
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)

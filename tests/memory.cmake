@@ -1,4 +1,6 @@
 velorin_test(sd_mpool_test LABEL memory SOURCES support/memory_calls.cc)
+target_compile_definitions(sd_mpool_test PRIVATE
+  $<$<BOOL:${VELORIN_PLAIN_MUTEX}>:VELORIN_PLAIN_MUTEX>)
 velorin_test(sd_mgmt_test LABEL memory SOURCES support/memory_calls.cc support/crash_calls.cc)
 velorin_test(simplelock_test LABEL memory)
 

@@ -3,8 +3,11 @@
 
 #include <gmock/gmock.h>
 #include <limits.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -340,32 +343,24 @@ TEST(sd_mpoolTest, MutexIsReleasedByEveryCall) {
   EXPECT_TRUE(isFresh(mutexOf(pool.block())));
 }
 
-TEST(sd_mpoolTest, MutexOfAnyKindWorks) {
-  using Set = std::function<void(pthread_mutexattr_t*)>;
-  const auto type = [](int value) -> Set {
-    return [value](pthread_mutexattr_t* a) { pthread_mutexattr_settype(a, value); };
-  };
-  const std::vector<Set> sets = {
-      type(PTHREAD_MUTEX_NORMAL),
-      type(PTHREAD_MUTEX_RECURSIVE),
-      type(PTHREAD_MUTEX_ERRORCHECK),
-      type(PTHREAD_MUTEX_ADAPTIVE_NP),
-      [](pthread_mutexattr_t* a) { pthread_mutexattr_setrobust(a, PTHREAD_MUTEX_ROBUST); },
-      [](pthread_mutexattr_t* a) { pthread_mutexattr_setprotocol(a, PTHREAD_PRIO_INHERIT); },
-      [](pthread_mutexattr_t* a) { pthread_mutexattr_setpshared(a, PTHREAD_PROCESS_SHARED); },
-  };
-  for (size_t i = 0; i < sets.size(); ++i) {
-    const Pool pool(1000, 16);
-    remakeMutex(pool.block(), sets[i]);
-    for (int round = 0; round < 3; ++round) {
-      char* const element = pool.allocate();
-      EXPECT_EQ(element, pool.first()) << i;
-      pool.free(element);
-    }
-    EXPECT_EQ(pthread_mutex_trylock(mutexOf(pool.block())), 0) << i;
-    EXPECT_EQ(pthread_mutex_unlock(mutexOf(pool.block())), 0) << i;
-    EXPECT_EQ(pthread_mutex_destroy(mutexOf(pool.block())), 0) << i;
-  }
+#if !defined(__SANITIZE_THREAD__) && !defined(VELORIN_PLAIN_MUTEX)
+TEST(sd_mpoolTest, MutexThatIsFreeIsTakenWithoutACall) {
+  const Pool pool(1000, 16);
+  memory_calls.mutex_lock.fails_at = 1;
+  char* const element = pool.allocate();
+  pool.free(element);
+  EXPECT_EQ(memory_calls.mutex_lock.fails_at, 1);
+  memory_calls.mutex_lock.fails_at = 0;
+  EXPECT_EQ(element, pool.first());
+}
+#endif
+
+TEST(sd_mpoolTest, MutexThatIsFreeByTheTimeOfTheCallIsReleasedAsTaken) {
+  const Pool pool(1000, 16);
+  ASSERT_EQ(pthread_mutex_lock(mutexOf(pool.block())), 0);
+  memory_calls.before_mutex_lock = [](pthread_mutex_t* mutex) { pthread_mutex_unlock(mutex); };
+  EXPECT_EQ(pool.allocate(), pool.first());
+  EXPECT_TRUE(isFresh(mutexOf(pool.block())));
 }
 
 // glibc's mark on a mutex that somebody waits for.
@@ -387,7 +382,7 @@ TEST(sd_mpoolTest, CallsWaitForWhoeverHoldsTheMutex) {
         pool.free(element);
       done = true;
     });
-    while (!isWaitedFor(mutex)) std::this_thread::yield();
+    while (!isWaitedFor(mutex) && !done) std::this_thread::yield();
     EXPECT_FALSE(done);
     ASSERT_EQ(pthread_mutex_unlock(mutex), 0);
     caller.join();
@@ -396,15 +391,114 @@ TEST(sd_mpoolTest, CallsWaitForWhoeverHoldsTheMutex) {
   EXPECT_EQ(pool.allocate(), element);
 }
 
+// A pool whose second element lies on a page of its own: while nobody may touch that page, a call
+// stops there, with the mutex held, until another thread waits for it.
+class StoppingPool {
+ public:
+  StoppingPool() {
+    block_ = static_cast<char*>(
+        mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    EXPECT_EQ(mpool_initialize(block_, 2 * kPage, kPage - kHeader), 0);
+    waiting_ = mutexOf(block_);
+    page_ = block_ + kPage;
+  }
+
+  mpool_hdr_t* get() const { return reinterpret_cast<mpool_hdr_t*>(block_); }
+  char* second() const { return page_; }
+
+  // Runs `call`, which stops at the second element, and `other` in another thread meanwhile.
+  static void stop(const std::function<void()>& call, const std::function<void()>& other) {
+    struct sigaction action = {};
+    action.sa_handler = goOn;
+    sigaction(SIGSEGV, &action, nullptr);
+    stopped_ = false;
+    std::thread thread([&] {
+      while (!stopped_) std::this_thread::yield();
+      other();
+    });
+    EXPECT_EQ(mprotect(page_, kPage, PROT_NONE), 0);
+    call();
+    thread.join();
+  }
+
+ private:
+  static constexpr size_t kPage = 4096;
+
+  static void goOn(int) {
+    stopped_ = true;
+    while (!isWaitedFor(waiting_)) continue;
+    mprotect(page_, kPage, PROT_READ | PROT_WRITE);
+  }
+
+  char* block_;
+  static inline pthread_mutex_t* waiting_;
+  static inline char* page_;
+  static inline std::atomic<bool> stopped_;
+};
+
+TEST(sd_mpoolTest, WhoeverCameMeanwhileIsWokenByAnAllocation) {
+  const ChildResult child = runInChild([] {
+    const StoppingPool pool;
+    void* const first = mpool_alloc_elm(pool.get());
+    StoppingPool::stop([&] { EXPECT_EQ(mpool_alloc_elm(pool.get()), pool.second()); },
+                       [&] { mpool_free_elm(pool.get(), first); });
+    EXPECT_TRUE(isFresh(mutexOf(pool.get())));
+    EXPECT_EQ(mpool_alloc_elm(pool.get()), first);
+  });
+  EXPECT_EQ(child.exitCode(), 0) << child;
+}
+
+TEST(sd_mpoolTest, WhoeverCameMeanwhileIsWokenByAFree) {
+  const ChildResult child = runInChild([] {
+    const StoppingPool pool;
+    mpool_alloc_elm(pool.get());
+    void* const second = mpool_alloc_elm(pool.get());
+    StoppingPool::stop([&] { mpool_free_elm(pool.get(), second); },
+                       [&] { EXPECT_EQ(mpool_alloc_elm(pool.get()), second); });
+    EXPECT_TRUE(isFresh(mutexOf(pool.get())));
+    EXPECT_EQ(mpool_alloc_elm(pool.get()), nullptr);
+  });
+  EXPECT_EQ(child.exitCode(), 0) << child;
+}
+
+struct MutexKind {
+  const char* name;
+  void (*set)(pthread_mutexattr_t*);
+  bool is_fresh_again;  // byte by byte, when it is free
+};
+
+template <int type>
+void setType(pthread_mutexattr_t* attributes) {
+  pthread_mutexattr_settype(attributes, type);
+}
+
+const MutexKind kMutexKinds[] = {
+    {"Default", [](pthread_mutexattr_t*) {}, true},
+    {"Normal", setType<PTHREAD_MUTEX_NORMAL>, false},
+    {"Recursive", setType<PTHREAD_MUTEX_RECURSIVE>, false},
+    {"Errorcheck", setType<PTHREAD_MUTEX_ERRORCHECK>, false},
+    {"Adaptive", setType<PTHREAD_MUTEX_ADAPTIVE_NP>, false},
+    {"Robust", [](pthread_mutexattr_t* a) { pthread_mutexattr_setrobust(a, PTHREAD_MUTEX_ROBUST); },
+     false},
+    {"PriorityInheriting",
+     [](pthread_mutexattr_t* a) { pthread_mutexattr_setprotocol(a, PTHREAD_PRIO_INHERIT); }, false},
+    {"Shared",
+     [](pthread_mutexattr_t* a) { pthread_mutexattr_setpshared(a, PTHREAD_PROCESS_SHARED); },
+     false},
+};
+
+class sd_mpoolMutexKind : public testing::TestWithParam<MutexKind> {};
+
 // One thread allocates and frees, another one takes the mutex itself; if they met at the list, or
 // one of them waited for a call that never came, this would show it.
-TEST(sd_mpoolTest, WhoeverTakesTheMutexFindsTheListWhole) {
+TEST_P(sd_mpoolMutexKind, WhoeverTakesItFindsTheListWhole) {
   constexpr int kElements = 4;
   const Pool pool(kHeader + kElements * 16 + 1, 16);
+  remakeMutex(pool.block(), GetParam().set);
   pthread_mutex_t* const mutex = mutexOf(pool.block());
   std::atomic<bool> done{false};
   std::thread user([&] {
-    for (int i = 0; i < 300000; ++i) {
+    for (int i = 0; i < 100000; ++i) {
       char* const element = pool.allocate();
       if (element != pool.first()) ADD_FAILURE() << i;
       pool.free(element);
@@ -412,16 +506,25 @@ TEST(sd_mpoolTest, WhoeverTakesTheMutexFindsTheListWhole) {
     done = true;
   });
   while (!done) {
-    pthread_mutex_lock(mutex);
+    EXPECT_EQ(pthread_mutex_lock(mutex), 0);
     int free = 0;
     const char* element = valueAt<char*>(pool.block() + kFreeElms);
     for (; element != nullptr && free <= kElements; element = valueAt<char*>(element)) ++free;
     if (free != kElements && free != kElements - 1) ADD_FAILURE() << free;
-    pthread_mutex_unlock(mutex);
+    EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
   }
   user.join();
-  EXPECT_TRUE(isFresh(mutex));
+  EXPECT_TRUE(!GetParam().is_fresh_again || isFresh(mutex));
+  EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
+  EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
+  EXPECT_EQ(pthread_mutex_destroy(mutex), 0);
 }
+
+std::string kindName(const testing::TestParamInfo<MutexKind>& info) {
+  return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(, sd_mpoolMutexKind, testing::ValuesIn(kMutexKinds), kindName);
 
 // ---- Which addresses may be elements ----
 

@@ -233,6 +233,16 @@ const ElementRow kSmilRows[] = {
     {"NewlineBehindTheNameIsNoSpace", "<video\nsrc=\"u\"/>", {}},
     {"NameAtOnceClosed", "<video><a/><audio/>", {}},
     {"LongerName", "<videos src=\"u\"/><textual src=\"u\"/><ab src=\"u\"/>", {}},
+    {"LongNamesOtherTail",
+     "<textstreaX src=\"u\"/><textstreamX src=\"u\"/><animatioX src=\"u\"/>",
+     {}},
+    {"LongNamesAnyCase",
+     "<TEXTSTREAM src=\"u\"/><AnImAtIoN src=\"v\"/>",
+     {"textstream u", "animation v"}},
+    {"EndsWithinTheTailOfALongName", "<video src=\"u\"/><animatio", {"video u"}},
+    {"ShorterLinkBehindALongerOne",
+     "<a href='a long one'><a href='x'><a href='yy'><a href=''>",
+     {"a a long one", "a x", "a yy", "a "}},
     {"OtherElement", "<smil ><par src=\"u\"/><seq href=\"u\"><brush src=\"u\"/></smil>", {}},
     {"ClosingElement", "</video src=\"u\">", {}},
     {"CommentIsNone", "<!-- video src=\"u\" -->", {}},
@@ -867,6 +877,24 @@ TEST_F(xmlRewriteTest, LongPlaylistOfManyLinksIsRewrittenWhole) {
   said.clear();
   EXPECT_EQ(smil("<a href='v'>"), 0);
   EXPECT_THAT(saidAt(7), ElementsAre("First and R 8  10"));
+}
+
+TEST_F(xmlRewriteTest, LinksOfAllLengthsAreWhole) {
+  std::string text;
+  std::vector<std::string> links;
+  for (size_t length = 1; length < 600; ++length) {
+    const std::string link(length, static_cast<char>('a' + length % 26));
+    text += "<a href='" + link + "'>";
+    links.push_back("a " + link);
+  }
+  for (size_t length : {256, 1, 255, 254, 257}) {
+    const std::string link(length, 'z');
+    text += "<a href='" + link + "'>";
+    links.push_back("a " + link);
+  }
+  EXPECT_EQ(smil(text), 0);
+  EXPECT_EQ(app_.links, links);
+  EXPECT_EQ(app_.newContents_, text);
 }
 
 TEST_F(xmlRewriteTest, PositionsAreRightWhereTheirDigitsChange) {

@@ -88,6 +88,10 @@ extern "C" int pthread_mutex_init(pthread_mutex_t* mutex,
 }
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  if (auto* const before = memory_calls.before_mutex_lock) {
+    memory_calls.before_mutex_lock = nullptr;
+    before(mutex);
+  }
   return memory_calls.mutex_lock.failsNow() ? EINVAL : real().lock(mutex);
 }
 

@@ -3,6 +3,7 @@
 #ifndef VELORIN_TESTS_memory_calls_
 #define VELORIN_TESTS_memory_calls_
 
+#include <pthread.h>
 #include <stddef.h>
 
 #include <vector>
@@ -21,10 +22,11 @@ struct Mapping {
 };
 
 struct MemoryCalls {
-  FailingCall map;              // errno ENOMEM
-  FailingCall protect;          // errno EACCES
-  FailingCall mutex_init;       // gives EAGAIN; leaves errno
-  FailingCall mutex_lock;       // gives EINVAL; leaves errno
+  FailingCall map;                                              // errno ENOMEM
+  FailingCall protect;                                          // errno EACCES
+  FailingCall mutex_init;                                       // gives EAGAIN; leaves errno
+  FailingCall mutex_lock;                                       // gives EINVAL; leaves errno
+  void (*before_mutex_lock)(pthread_mutex_t* mutex) = nullptr;  // called once, then forgotten
   std::vector<Mapping> mapped;  // made and not unmapped since, in the order made
   int callbacks_stored = 0;     // by set_at_coredump_cb
   at_coredump_handler callback = nullptr;

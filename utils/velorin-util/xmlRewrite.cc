@@ -32,7 +32,8 @@ char kValueFormat[] = "%s%s%s%s";
 char kSyntaxFormat[] = "%s%s";
 char kEndFormat[] = "%s %s";
 
-// The first characters of a text, by their places; zeros behind its end.
+// The first eight characters of a text, the first one lowest, as this processor loads them; zeros
+// stand behind the text's end.
 using Word = uint64_t;
 
 Word wordAt(const char* at, const char* end) {
@@ -64,7 +65,8 @@ class Name {
 
   constexpr size_t length() const { return length_; }
 
-  // Whether the text at `c`, which ends in a zero, begins so in any case; `word` is its first.
+  // Whether the text at `c`, which ends in a zero, begins so in any case; `word` holds its first
+  // characters.
   bool begins(const char* c, Word word) const {
     if (((word | case_bits_) & mask_) != word_) return false;
     size_t i = sizeof(Word);
@@ -223,7 +225,7 @@ class Scan {
 
   // Returns: what the parse returns.
   int run() {
-    if (rewrites()) playlist_.newContents_.reserve(text_.size() + text_.size() / 8);
+    if (rewrites()) reserve();
     size_t at = 0;
     while ((at = nextBracket(at)) != std::string::npos) {
       const Found found = scanElement(&at);
@@ -237,6 +239,12 @@ class Scan {
   }
 
  private:
+  // For links that get longer, within what a text can hold.
+  void reserve() {
+    std::string& to = playlist_.newContents_;
+    to.reserve(std::min(text_.size() + text_.size() / 8, to.max_size()));
+  }
+
   enum Found { kAttribute, kNothing, kEnd };
 
   // As text_.find does, without a call more for each element.
@@ -269,7 +277,7 @@ class Scan {
       return kNothing;
     }
     if (!element->tag.empty()) tag_ = element->tag;
-    // SMIL names hold nothing that is looked for, and the search need not wait for their length.
+    // No SMIL name holds an attribute: the search need not wait for where the name ends.
     if (format_.skips_one) {
       c += element->name.length();
       // Kept: whatever stands behind an ASX name is skipped, a closing bracket too.
@@ -288,7 +296,8 @@ class Scan {
   bool takeLink(size_t* at) {
     const char* const text = text_.c_str();
     const char* const end = text + text_.size();
-    // Near: what follows need not wait for a place that branches tell in advance.
+    // One character at a time: the quote is near, and predicted branches let what follows begin
+    // before its place is known.
     const char* first = kValueStops.first(text + *at + format_.value_offset);
     while (*first == '?') first = kValueStops.first(first + 1);
     if (!isQuote(*first)) return complain();
