@@ -1,5 +1,6 @@
 /* Typed settings of a service from /local/local1/elc/proxy.elc, with defaults. */
 #include <stdio.h>
+#include <stdlib.h>
 #include <velorin/elc>
 
 enum { PORT, VERBOSE, GREETING, OFFSET, COUNT };
@@ -19,5 +20,6 @@ int main(void) {
   printf("verbose %s\n", settings[VERBOSE].value.BOOL_type ? "yes" : "no");
   printf("greeting %s\n", settings[GREETING].value.STR_type);
   printf("offset %d\n", settings[OFFSET].value.INT_type);
+  if (settings[GREETING].is_set) free(settings[GREETING].value.STR_type);
   return fault != NULL;
 }
