@@ -92,6 +92,7 @@ class Tag {
   constexpr Tag() = default;
   template <size_t kSize>
   constexpr Tag(const char (&text)[kSize]) : length_(kSize - 1) {
+    static_assert(kSize - 1 <= sizeof text_, "as long as a string holds itself");
     for (size_t i = 0; i < length_; ++i) text_[i] = text[i];
   }
 
@@ -239,13 +240,13 @@ class Scan {
   }
 
  private:
+  enum Found { kAttribute, kNothing, kEnd };
+
   // For links that get longer, within what a text can hold.
   void reserve() {
     std::string& to = playlist_.newContents_;
     to.reserve(std::min(text_.size() + text_.size() / 8, to.max_size()));
   }
-
-  enum Found { kAttribute, kNothing, kEnd };
 
   // As text_.find does, without a call more for each element.
   size_t nextBracket(size_t at) const {
