@@ -22,6 +22,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -121,6 +122,50 @@ void show_at(const std::filesystem::directory_entry& from, const std::string& to
         to.c_str());
 }
 
+bool below(const std::string& path, const std::string& dir) {
+  return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+         path[dir.size()] == '/';
+}
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+// Puts an empty tmpfs over `dir`. The tests' own programs stay in sight when they lie below it.
+void cover_directory(const std::string& dir) {
+  std::vector<std::pair<std::string, int>> kept;
+  for (const std::string tree : {VELORIN_SOURCE, VELORIN_BUILD}) {
+    if (!below(tree, dir)) continue;
+    const int fd =
+        open_tree(AT_FDCWD, tree.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
+    if (fd < 0) fail("open_tree " + tree);
+    kept.emplace_back(tree, fd);
+  }
+  const mode_t mask = umask(022);  // other users are to find their way
+  std::filesystem::create_directories(dir);
+  if (mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0)
+    fail("mount " + dir);
+  for (const auto& [tree, fd] : kept) {
+    std::filesystem::create_directories(tree);
+    if (move_mount(fd, "", AT_FDCWD, tree.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+      fail("move_mount " + tree);
+    close(fd);
+  }
+  umask(mask);
+}
+
+// The first directory above `tree` that its user alone may enter, as home directories are; empty
+// when there is none.
+std::string closed_directory_above(const std::string& tree) {
+  for (size_t slash = tree.find('/', 1); slash != std::string::npos;
+       slash = tree.find('/', slash + 1)) {
+    const std::string dir = tree.substr(0, slash);
+    struct stat status;
+    if (stat(dir.c_str(), &status) == 0 && (status.st_mode & S_IXOTH) == 0) return dir;
+  }
+  return "";
+}
+
 // A root directory of its own that shows what the machine's holds: whatever is made in it, such as
 // a place to mount at, is gone with the namespace. It is put together at /proc, which every machine
 // has and which is not needed until a new one is mounted.
@@ -135,7 +180,12 @@ void enter_private_root() {
   check(mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
         "mount /proc");
   const std::string here = std::filesystem::current_path();
-  check(chroot(root.c_str()) == 0 && chdir(here.c_str()) == 0, "chroot");
+  check(chroot(root.c_str()) == 0 && chdir("/") == 0, "chroot");
+  // Tests run the programs as other users too.
+  const std::string closed = closed_directory_above(VELORIN_SOURCE);
+  if (!closed.empty()) cover_directory(closed);
+  std::error_code covered;  // then the tests begin at the root
+  std::filesystem::current_path(here, covered);
 }
 
 // Process 1 of the namespace: takes in orphans until the tests are done.
@@ -146,15 +196,6 @@ void enter_private_root() {
     if (pid == tests) _exit(exit_code(status));
     if (pid < 0 && errno != EINTR) _exit(1);
   }
-}
-
-bool below(const std::string& path, const std::string& dir) {
-  return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
-         path[dir.size()] == '/';
-}
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + strerror(errno));
 }
 
 }  // namespace
@@ -197,24 +238,7 @@ PrivateWorld::~PrivateWorld() {
 }
 
 void PrivateWorld::cover(const std::string& dir) {
-  // The tests' own programs stay in sight when the checkout lies below `dir`.
-  std::vector<std::pair<std::string, int>> kept;
-  for (const std::string tree : {VELORIN_SOURCE, VELORIN_BUILD}) {
-    if (!below(tree, dir)) continue;
-    const int fd =
-        open_tree(AT_FDCWD, tree.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
-    if (fd < 0) fail("open_tree " + tree);
-    kept.emplace_back(tree, fd);
-  }
-  std::filesystem::create_directories(dir);
-  if (mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0)
-    fail("mount " + dir);
-  for (const auto& [tree, fd] : kept) {
-    std::filesystem::create_directories(tree);
-    if (move_mount(fd, "", AT_FDCWD, tree.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
-      fail("move_mount " + tree);
-    close(fd);
-  }
+  cover_directory(dir);
   if (chdir("/") != 0) fail("chdir");
 }
 
