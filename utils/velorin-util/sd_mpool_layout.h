@@ -82,8 +82,9 @@ inline void store_next(void* element, mpool_elm_t* next) {
 }
 
 // Where AddressSanitizer watches, what a free element holds behind its link is poisoned: a use
-// after the free is reported. An address before the first element can be freed too; what lies there
-// is not the pool's.
+// after the free is reported. The mutex is held meanwhile: elements beside each other may share a
+// granule of the shadow memory. An address before the first element can be freed too; what lies
+// there is not the pool's.
 inline bool is_watched(const mpool_hdr_t* pool, const void* element) {
   return reinterpret_cast<uintptr_t>(element) >= reinterpret_cast<uintptr_t>(pool + 1);
 }
@@ -119,12 +120,13 @@ inline bool is_element_valid(const mpool_hdr_t* pool, int pool_len, const void* 
 // Both are called with the mutex held, and release it.
 inline void* pop_element(mpool_hdr_t* pool) {
   mpool_elm_t* const element = pool->pfree_elms;
-  if (element != nullptr) pool->pfree_elms = load_next(element);
+  if (element != nullptr) {
+    pool->pfree_elms = load_next(element);
+    unpoison_element(pool, element);
+  }
   release_mutex(&pool->lock);
-  if (element == nullptr) return nullptr;
   // It is the caller's by now: others wait for the mutex a store less.
-  store_next(element, nullptr);
-  unpoison_element(pool, element);
+  if (element != nullptr) store_next(element, nullptr);
   return element;
 }
 
