@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/eventually.h"
 #include "support/private_world.h"
 #include "support/process_calls.h"
 #include "velorin/ad_debug"
@@ -43,21 +44,10 @@ using testing::StartsWith;
 using Texts = std::vector<std::string>;
 
 constexpr int kPort = 8008;
-constexpr int kPatience = 20;  // seconds; only a failing test waits that long
 constexpr char kStandIn[] = VELORIN_BUILD "/stand-in";
 
 void append(Texts* to, const Texts& more, int times = 1) {
   for (int i = 0; i < times; ++i) to->insert(to->end(), more.begin(), more.end());
-}
-
-// For what nothing announces: looks until it is so, at most kPatience.
-bool eventually(const std::function<bool()>& holds) {
-  const time_t deadline = time(nullptr) + kPatience;
-  while (!holds()) {
-    if (time(nullptr) > deadline) return false;
-    (void)poll(nullptr, 0, 1);
-  }
-  return true;
 }
 
 // How a child of this process ended; it stays a zombie.

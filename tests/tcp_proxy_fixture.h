@@ -29,13 +29,13 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/eventually.h"
 #include "support/log_listener.h"
 #include "support/private_world.h"
 #include "velorin/ad_debug"
 
 inline constexpr char kProgram[] = VELORIN_BIN "/tcp_proxy";
 inline constexpr char kDaemonSocket[] = "/tmp/ad_errorlog.0";
-inline constexpr time_t kPatience = 20;  // seconds; only a failing test waits that long
 
 inline sockaddr_in addressOf(const std::string& ip, int port) {
   sockaddr_in address = {};
@@ -179,16 +179,6 @@ inline void limitDescriptors(rlim_t count) {
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = count;
   setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-// For what nothing announces: looks until it is so, at most kPatience.
-inline bool eventually(const std::function<bool()>& holds) {
-  const time_t deadline = time(nullptr) + kPatience;
-  while (!holds()) {
-    if (time(nullptr) > deadline) return false;
-    (void)poll(nullptr, 0, 1);
-  }
-  return true;
 }
 
 inline std::string textOf(const sockaddr_in& address) {
